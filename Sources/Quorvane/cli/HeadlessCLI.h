@@ -1,0 +1,20 @@
+#pragma once
+#include "cli/CLIOptions.h"
+
+#include <stdexcept>
+
+namespace qv {
+
+// A failure of a headless run; main prints it after "error: " and exits 1.
+class HeadlessError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The batch driver for every run that is not the desktop viewer.
+class HeadlessCLI {
+public:
+    static void run(const CLIOptions& options);
+};
+
+} // namespace qv

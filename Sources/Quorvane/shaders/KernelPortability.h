@@ -1,0 +1,9 @@
+#pragma once
+// The one portability layer of the kernel source. Every kernel header includes
+// this and marks its functions QV_KERNEL, so the same text compiles as plain
+// C++ for the CPU backend and, later, as device code for a GPU compiler.
+#if defined(__CUDACC__)
+#define QV_KERNEL __host__ __device__ inline
+#else
+#define QV_KERNEL inline
+#endif

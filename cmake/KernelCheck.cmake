@@ -1,0 +1,16 @@
+# Kernel headers must stay portable to a GPU compiler: no exceptions, no RTTI.
+# Each header is compiled alone in a translation unit of its own with both off.
+file(GLOB QV_KERNEL_HEADERS CONFIGURE_DEPENDS ${QV_SOURCE_ROOT}/shaders/*.h)
+set(QV_KERNEL_CHECK_SOURCES)
+foreach(header ${QV_KERNEL_HEADERS})
+  get_filename_component(name ${header} NAME_WE)
+  set(tu ${CMAKE_BINARY_DIR}/kernel_check/${name}.cpp)
+  file(CONFIGURE OUTPUT ${tu} CONTENT "#include \"shaders/${name}.h\"\n")
+  list(APPEND QV_KERNEL_CHECK_SOURCES ${tu})
+endforeach()
+if(QV_KERNEL_CHECK_SOURCES)
+  add_library(qv_kernel_check OBJECT ${QV_KERNEL_CHECK_SOURCES})
+  target_include_directories(qv_kernel_check PRIVATE ${QV_SOURCE_ROOT})
+  target_compile_options(qv_kernel_check PRIVATE -fno-exceptions -fno-rtti -Wall -Wextra -Werror)
+  add_dependencies(quorvane qv_kernel_check)
+endif()

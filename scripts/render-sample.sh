@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds quorvane and renders the bundled sample
+# house to the PNG named by the first argument (default: house.png).
+set -euo pipefail
+out=$(realpath -m "${1:-house.png}")
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build -j "$(nproc)"
+build/quorvane --headless --out "$out"
