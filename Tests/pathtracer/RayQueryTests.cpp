@@ -1,0 +1,251 @@
+// Ray queries against hand-built geometry, checked against a brute-force
+// intersection of every triangle.
+#include "pathtracer/RayQuery.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace qv {
+namespace {
+
+struct Mesh {
+    std::vector<float3> positions;
+    std::vector<uint32_t> indices;
+
+    void addTriangle(float3 a, float3 b, float3 c) {
+        uint32_t n = static_cast<uint32_t>(positions.size());
+        positions.insert(positions.end(), {a, b, c});
+        indices.insert(indices.end(), {n, n + 1, n + 2});
+    }
+    // A square in the plane z = depth spanning [-h, h] in x and y, facing +z.
+    void addSquareZ(float depth, float h) {
+        addTriangle({-h, -h, depth}, {h, -h, depth}, {h, h, depth});
+        addTriangle({-h, -h, depth}, {h, h, depth}, {-h, h, depth});
+    }
+    TriangleSet set(uint32_t mask = kRayMaskAll) const { return TriangleSet{positions, indices, mask}; }
+};
+
+RayQuery buildOne(const Mesh& mesh, BuildQuality quality = BuildQuality::high) {
+    TriangleSet sets[] = {mesh.set()};
+    return RayQuery::build(sets, quality);
+}
+
+Ray rayDown(float x, float y, float z = 5) { return Ray{{x, y, z}, {0, 0, -1}}; }
+
+// Double-precision ray/triangle test (Moller-Trumbore) as the reference.
+bool referenceHit(const Mesh& m, uint32_t tri, const Ray& r, double& t) {
+    auto p = [&](int k) { return m.positions[m.indices[3 * tri + k]]; };
+    double o[3] = {r.origin.x, r.origin.y, r.origin.z}, d[3] = {r.direction.x, r.direction.y, r.direction.z};
+    double v0[3] = {p(0).x, p(0).y, p(0).z}, v1[3] = {p(1).x, p(1).y, p(1).z}, v2[3] = {p(2).x, p(2).y, p(2).z};
+    double e1[3], e2[3], s[3];
+    for (int i = 0; i < 3; ++i) e1[i] = v1[i] - v0[i], e2[i] = v2[i] - v0[i], s[i] = o[i] - v0[i];
+    auto crossd = [](const double* a, const double* b, double* c) {
+        c[0] = a[1] * b[2] - a[2] * b[1], c[1] = a[2] * b[0] - a[0] * b[2], c[2] = a[0] * b[1] - a[1] * b[0];
+    };
+    auto dotd = [](const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
+    double pv[3], qv3[3];
+    crossd(d, e2, pv);
+    double det = dotd(e1, pv);
+    if (std::abs(det) < 1e-14) return false;
+    double u = dotd(s, pv) / det;
+    crossd(s, e1, qv3);
+    double v = dotd(d, qv3) / det;
+    t = dotd(e2, qv3) / det;
+    return u >= 0 && v >= 0 && u + v <= 1 && t >= r.tMin && t <= r.tMax;
+}
+
+TEST(RayQueryHits, DistanceBarycentricsAndNormalOfAKnownTriangle) {
+    Mesh mesh;
+    mesh.addTriangle({0, 0, 0}, {2, 0, 0}, {0, 2, 0});
+    RayQuery q = buildOne(mesh);
+    // Direction of length 2: t is measured in units of the direction.
+    RayHit hit = q.intersect(Ray{{0.5f, 0.25f, 3}, {0, 0, -2}});
+    ASSERT_TRUE(hit.hit());
+    EXPECT_EQ(hit.prim, 0u);
+    EXPECT_EQ(hit.set, 0u);
+    EXPECT_NEAR(hit.t, 1.5f, 1e-6f);
+    // p = v0 (1 - u - v) + v1 u + v2 v = (2u, 2v, 0).
+    EXPECT_NEAR(hit.u, 0.25f, 1e-6f);
+    EXPECT_NEAR(hit.v, 0.125f, 1e-6f);
+    // The winding normal (v1 - v0) x (v2 - v0) = (0, 0, 4).
+    EXPECT_GT(hit.ng.z, 0.0f);
+    EXPECT_NEAR(hit.ng.z / length(hit.ng), 1.0f, 1e-6f);
+}
+
+TEST(RayQueryHits, NearestOfStackedPlanesAndRangeLimits) {
+    Mesh mesh;
+    mesh.addSquareZ(0, 1);  // triangles 0, 1
+    mesh.addSquareZ(2, 1);  // triangles 2, 3
+    RayQuery q = buildOne(mesh);
+    RayHit top = q.intersect(rayDown(0.3f, -0.2f));
+    ASSERT_TRUE(top.hit());
+    EXPECT_NEAR(top.t, 3.0f, 1e-5f);
+    EXPECT_GE(top.prim, 2u);
+
+    Ray skipTop = rayDown(0.3f, -0.2f);
+    skipTop.tMin = 3.5f;
+    RayHit bottom = q.intersect(skipTop);
+    ASSERT_TRUE(bottom.hit());
+    EXPECT_NEAR(bottom.t, 5.0f, 1e-5f);
+    EXPECT_LE(bottom.prim, 1u);
+
+    Ray shortRay = rayDown(0.3f, -0.2f);
+    shortRay.tMax = 2.9f;
+    EXPECT_FALSE(q.intersect(shortRay).hit());
+    EXPECT_FALSE(q.occluded(shortRay));
+    shortRay.tMax = 3.1f;
+    EXPECT_TRUE(q.occluded(shortRay));
+
+    EXPECT_FALSE(q.intersect(rayDown(1.5f, 0)).hit());
+    EXPECT_FALSE(q.intersect(Ray{{0, 0, 5}, {0, 0, 1}}).hit()) << "pointing away";
+}
+
+TEST(RayQueryHits, BackFacesAreHitToo) {
+    Mesh mesh;
+    mesh.addSquareZ(0, 1);
+    RayQuery q = buildOne(mesh);
+    RayHit hit = q.intersect(Ray{{0.1f, 0.1f, -1}, {0, 0, 1}});
+    ASSERT_TRUE(hit.hit());
+    EXPECT_NEAR(hit.t, 1.0f, 1e-6f);
+    EXPECT_GT(hit.ng.z, 0.0f) << "the geometric normal follows the winding, not the ray";
+}
+
+TEST(RayQueryHits, MissOfAnEmptyStructure) {
+    RayQuery none = RayQuery::build({}, BuildQuality::high);
+    EXPECT_EQ(none.triangleCount(), 0u);
+    RayHit miss = none.intersect(rayDown(0, 0));
+    EXPECT_FALSE(miss.hit());
+    EXPECT_EQ(miss.t, kMissDistance);
+    EXPECT_EQ(miss.set, kNoHit);
+    EXPECT_FALSE(none.occluded(rayDown(0, 0)));
+}
+
+// The auxiliary structure holds glass first and light proxies after it; a
+// mask picks either, and triangle numbers run across both sets in order.
+TEST(RayQueryMasks, GlassAndProxySetsAreSelectedByMaskAndNumberedInOrder) {
+    constexpr uint32_t kGlass = 1, kProxy = 2;
+    Mesh glass, proxies, empty;
+    glass.addSquareZ(1, 1);           // triangles 0, 1
+    glass.addSquareZ(-3, 1);          // triangles 2, 3
+    proxies.addSquareZ(0, 1);         // after the empty set: triangles 4, 5
+    TriangleSet sets[] = {glass.set(kGlass), empty.set(kProxy), proxies.set(kProxy)};
+    RayQuery q = RayQuery::build(sets, BuildQuality::high);
+    EXPECT_EQ(q.triangleCount(), 6u);
+    EXPECT_EQ(q.setCount(), 3u);
+    EXPECT_EQ(q.firstTriangleOfSet(2), 4u);
+
+    Ray all = rayDown(0.2f, 0.6f);
+    RayHit any = q.intersect(all);
+    ASSERT_TRUE(any.hit());
+    EXPECT_EQ(any.set, 0u);
+    EXPECT_LE(any.prim, 1u);
+    EXPECT_NEAR(any.t, 4.0f, 1e-5f);
+
+    Ray proxyOnly = all;
+    proxyOnly.mask = kProxy;
+    RayHit proxy = q.intersect(proxyOnly);
+    ASSERT_TRUE(proxy.hit());
+    EXPECT_EQ(proxy.set, 2u);
+    EXPECT_TRUE(proxy.prim == 4u || proxy.prim == 5u) << proxy.prim;
+    EXPECT_NEAR(proxy.t, 5.0f, 1e-5f);
+
+    Ray glassBelow = all;
+    glassBelow.mask = kGlass;
+    glassBelow.tMin = 4.5f;
+    RayHit lower = q.intersect(glassBelow);
+    ASSERT_TRUE(lower.hit());
+    EXPECT_EQ(lower.set, 0u);
+    EXPECT_TRUE(lower.prim == 2u || lower.prim == 3u) << lower.prim;
+    EXPECT_NEAR(lower.t, 8.0f, 1e-5f);
+
+    Ray neither = all;
+    neither.mask = 4;
+    EXPECT_FALSE(q.intersect(neither).hit());
+    EXPECT_FALSE(q.occluded(neither));
+    proxyOnly.tMax = 4.5f;
+    EXPECT_FALSE(q.occluded(proxyOnly)) << "the glass in front does not block a proxy-only ray";
+    proxyOnly.tMax = 5.5f;
+    EXPECT_TRUE(q.occluded(proxyOnly));
+}
+
+// A random triangle soup against the double-precision reference: the nearest
+// triangle and its distance agree, and occlusion agrees with intersection.
+TEST(RayQueryHits, RandomSoupAgreesWithBruteForceForBothQualities) {
+    std::mt19937 rng(1234);
+    std::uniform_real_distribution<float> uni(-1, 1);
+    Mesh mesh;
+    for (int i = 0; i < 300; ++i) {
+        float3 c{uni(rng) * 4, uni(rng) * 4, uni(rng) * 4};
+        mesh.addTriangle(c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f,
+                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f,
+                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f);
+    }
+    for (BuildQuality quality : {BuildQuality::fast, BuildQuality::high}) {
+        RayQuery q = buildOne(mesh, quality);
+        EXPECT_GE(q.buildSeconds(), 0.0);
+        int hits = 0;
+        for (int i = 0; i < 2000; ++i) {
+            Ray r{{uni(rng) * 6, uni(rng) * 6, uni(rng) * 6}, normalize(float3{uni(rng), uni(rng), uni(rng)})};
+            r.tMax = 3 + 5 * (uni(rng) + 1);
+            double best = 1e30, second = 1e30;
+            uint32_t bestTri = kNoHit;
+            for (uint32_t tri = 0; tri < mesh.indices.size() / 3; ++tri) {
+                double t;
+                if (!referenceHit(mesh, tri, r, t)) continue;
+                if (t < best) {
+                    second = best, best = t, bestTri = tri;
+                } else if (t < second) {
+                    second = t;
+                }
+            }
+            RayHit hit = q.intersect(r);
+            // A hit right at the end of the range may fall either way in single precision.
+            if (bestTri != kNoHit && std::abs(best - r.tMax) < 1e-3) continue;
+            ASSERT_EQ(hit.hit(), bestTri != kNoHit) << "ray " << i;
+            EXPECT_EQ(q.occluded(r), hit.hit()) << "ray " << i;
+            if (!hit.hit()) continue;
+            ++hits;
+            EXPECT_NEAR(hit.t, best, 1e-4 * (1 + best)) << "ray " << i;
+            if (second - best > 1e-3) EXPECT_EQ(hit.prim, bestTri) << "ray " << i;
+        }
+        EXPECT_GT(hits, 100) << "too few rays hit to test anything";
+    }
+}
+
+TEST(RayQueryErrors, BadIndicesFailTheBuildWithOneSentence) {
+    Mesh mesh;
+    mesh.addTriangle({0, 0, 0}, {1, 0, 0}, {0, 1, 0});
+    mesh.indices[2] = 7;
+    TriangleSet sets[] = {mesh.set()};
+    try {
+        RayQuery::build(sets, BuildQuality::high);
+        FAIL() << "expected RayQueryError";
+    } catch (const RayQueryError& e) {
+        EXPECT_STREQ(e.what(),
+                     "acceleration structure build failed: triangle index 7 is out of range (3 vertices)");
+    }
+    mesh.indices.pop_back();
+    TriangleSet partial[] = {mesh.set()};
+    try {
+        RayQuery::build(partial, BuildQuality::fast);
+        FAIL() << "expected RayQueryError";
+    } catch (const RayQueryError& e) {
+        EXPECT_STREQ(e.what(), "acceleration structure build failed: index count is not a multiple of 3");
+    }
+}
+
+TEST(RayQueryErrors, NonFiniteTrianglesAreIgnoredNotFatal) {
+    Mesh mesh;
+    mesh.addTriangle({0, 0, 0}, {1, 0, 0}, {0, 1, 0});
+    mesh.addTriangle({NAN, 0, 1}, {1, 0, 1}, {0, 1, 1});
+    RayQuery q = buildOne(mesh);
+    RayHit hit = q.intersect(Ray{{0.2f, 0.2f, 5}, {0, 0, -1}});
+    ASSERT_TRUE(hit.hit());
+    EXPECT_EQ(hit.prim, 0u);
+}
+
+} // namespace
+} // namespace qv
