@@ -209,7 +209,9 @@ TEST(RayQueryHits, RandomSoupAgreesWithBruteForceForBothQualities) {
             if (!hit.hit()) continue;
             ++hits;
             EXPECT_NEAR(hit.t, best, 1e-4 * (1 + best)) << "ray " << i;
-            if (second - best > 1e-3) EXPECT_EQ(hit.prim, bestTri) << "ray " << i;
+            if (second - best > 1e-3) {
+                EXPECT_EQ(hit.prim, bestTri) << "ray " << i;
+            }
         }
         EXPECT_GT(hits, 100) << "too few rays hit to test anything";
     }
