@@ -117,6 +117,8 @@ struct SceneDescription {
     const CameraDef* camera(std::string_view name) const;
 };
 
+struct SearchLocations; // scene/DefaultSearch.h
+
 // A scene with the file it came from (none for generated defaults).
 struct ResolvedScene {
     SceneDescription scene;
@@ -128,6 +130,9 @@ struct ResolvedScene {
 // defaults. Logs which one was used. Throws SceneError.
 ResolvedScene resolveSceneSource(const std::optional<std::string>& explicitPath, const std::string& modelPath,
                                  const LoadedModel& model, const LogSink& log);
+// The same with explicit places to look (tests, or a caller that computed them).
+ResolvedScene resolveSceneSource(const std::optional<std::string>& explicitPath, const std::string& modelPath,
+                                 const LoadedModel& model, const LogSink& log, const SearchLocations& locations);
 
 // The largest scene or path file read, in bytes; larger files fail as unreadable.
 inline constexpr size_t kMaxContractFileBytes = 64u * 1024u * 1024u;
