@@ -14,6 +14,9 @@ int main(int argc, char** argv) {
     qv::CLIOptions options;
     try {
         options = qv::CLIOptions::parse(args);
+    } catch (const qv::HelpRequested&) {
+        std::fputs(qv::usageText().c_str(), stdout);
+        return 0;
     } catch (const qv::CLIError& error) {
         std::fprintf(stderr, "error: %s\n\n%s", error.what(), qv::usageText().c_str());
         return 1;

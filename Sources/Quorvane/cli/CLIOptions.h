@@ -5,6 +5,7 @@
 #include "image/VideoCodec.h"
 #include "pathtracer/RenderSettings.h"
 #include "raster/RasterView.h"
+#include "scene/EnumTable.h"
 #include "scene/TimeOfDay.h"
 #include "shaders/VecMath.h"
 
@@ -17,11 +18,20 @@
 
 namespace qv {
 
+class EnvSwitches;
+
 // A parse failure; what() is the whole message.
 class CLIError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
     std::string description() const { return what(); }
+};
+
+// Thrown by the parser for --help or -h: the caller prints usageText() to
+// standard output and ends the process successfully. Not an error.
+class HelpRequested : public std::exception {
+public:
+    const char* what() const noexcept override { return "help requested"; }
 };
 
 struct CalendarDate {
@@ -94,9 +104,11 @@ struct CLIOptions {
     bool encodeOnly = false;
     std::optional<VideoDenoise> videoDenoise;
 
-    // Parses the arguments without the program path. Throws CLIError.
-    // --help prints the usage and exits the process with status 0.
+    // Parses the arguments without the program path. Throws CLIError with the
+    // exact message, or HelpRequested for --help / -h. The QA checks read
+    // QV_NEE_RIS and QV_NEE_STATS from `env` (the process environment by default).
     static CLIOptions parse(const std::vector<std::string>& args);
+    static CLIOptions parse(const std::vector<std::string>& args, const EnvSwitches& env);
 
     // The width actually rendered: a panorama is rendered wider and cropped.
     int64_t renderWidth() const;
@@ -105,13 +117,27 @@ struct CLIOptions {
     bool launchesApplication() const;
 };
 
-// The usage text printed by --help and after every parse error.
+inline constexpr std::array<EnumName<CLIOptions::VideoDenoise>, 3> kVideoDenoiseNames{{
+    {CLIOptions::VideoDenoise::temporal, "temporal"},
+    {CLIOptions::VideoDenoise::hybrid, "hybrid"},
+    {CLIOptions::VideoDenoise::off, "off"}}};
+
+inline std::string_view toString(CLIOptions::VideoDenoise d) { return enumToName(kVideoDenoiseNames, d); }
+
+// The usage text printed by --help and after every parse error; every line,
+// the last included, ends in a newline.
 const std::string& usageText();
 
 // Date and clock readers shared by the options and the sun-by-date code.
 namespace DateClock {
+// "YYYY-MM-DD" (empty pieces between hyphens ignored): year > 0, month 1-12,
+// day 1-31; the day is not compared with the month's length.
 std::optional<CalendarDate> parseDate(const std::string& text);
+// "HH:MM" or "HH:MM:SS", 0 <= HH < 24 and 0 <= MM < 60: minutes after midnight,
+// seconds unchecked and counted as fractions of a minute.
 std::optional<double> parseClockMinutes(const std::string& text);
+// The clock of a date given without one: 12:00.
+inline constexpr double kNoonMinutes = 720.0;
 } // namespace DateClock
 
 // The options of this process, set once by main before dispatch.
