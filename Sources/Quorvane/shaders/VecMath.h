@@ -72,4 +72,22 @@ QV_KERNEL float3 max(float3 a, float3 b) {
 }
 QV_KERNEL bool isFinite(float3 a) { return std::isfinite(a.x) && std::isfinite(a.y) && std::isfinite(a.z); }
 
+// float4 and float2 arithmetic, component by component, for records that carry
+// colours or table entries in 4- and 2-vectors.
+QV_KERNEL float4 make_float4(float x, float y, float z, float w) { return float4{x, y, z, w}; }
+QV_KERNEL float2 make_float2(float x, float y) { return float2{x, y}; }
+QV_KERNEL float4 operator+(float4 a, float4 b) { return {a.x + b.x, a.y + b.y, a.z + b.z, a.w + b.w}; }
+QV_KERNEL float4 operator-(float4 a, float4 b) { return {a.x - b.x, a.y - b.y, a.z - b.z, a.w - b.w}; }
+QV_KERNEL float4 operator*(float4 a, float4 b) { return {a.x * b.x, a.y * b.y, a.z * b.z, a.w * b.w}; }
+QV_KERNEL float4 operator*(float4 a, float s) { return {a.x * s, a.y * s, a.z * s, a.w * s}; }
+QV_KERNEL float4 operator*(float s, float4 a) { return a * s; }
+QV_KERNEL float4 operator/(float4 a, float s) { return {a.x / s, a.y / s, a.z / s, a.w / s}; }
+QV_KERNEL float4& operator+=(float4& a, float4 b) { return a = a + b; }
+QV_KERNEL float4& operator*=(float4& a, float s) { return a = a * s; }
+QV_KERNEL float2 operator+(float2 a, float2 b) { return {a.x + b.x, a.y + b.y}; }
+QV_KERNEL float2 operator-(float2 a, float2 b) { return {a.x - b.x, a.y - b.y}; }
+QV_KERNEL float2 operator*(float2 a, float s) { return {a.x * s, a.y * s}; }
+QV_KERNEL float2 operator*(float s, float2 a) { return a * s; }
+QV_KERNEL float2& operator+=(float2& a, float2 b) { return a = a + b; }
+
 } // namespace qv
