@@ -1,9 +1,78 @@
 #include "cli/HeadlessCLI.h"
 
+#include "cli/CameraList.h"
+#include "cli/CameraResolve.h"
+#include "scene/CameraPath.h"
+#include "scene/DefaultSearch.h"
+#include "scene/GLBLoader.h"
+#include "scene/SceneDescription.h"
+#include "scene/TextFormat.h"
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
 namespace qv {
 
-void HeadlessCLI::run(const CLIOptions&) {
-    throw HeadlessError("headless rendering is not built yet in this version of quorvane");
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+} // namespace
+
+void HeadlessCLI::run(const CLIOptions& options) {
+    run(options, [](std::string_view line) {
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::fputc('\n', stdout);
+    });
+}
+
+void HeadlessCLI::run(const CLIOptions& options, const LogSink& out) {
+    // 1. The model, then its scene.
+    const Clock::time_point start = Clock::now();
+    const std::string modelPath = options.model.value_or(defaultModel());
+    const LoadedModel model = GLBLoader::load(modelPath);
+    const double loadSeconds = secondsSince(start);
+    const ResolvedScene resolved = resolveSceneSource(options.scene, modelPath, model, out);
+    const SceneDescription& scene = resolved.scene;
+
+    // 2. The cameras, and nothing else.
+    if (options.listCameras) {
+        for (const std::string& line : cameraListLines(scene)) out(line);
+        return;
+    }
+
+    // 3. A camera path: validated here; the video renderer takes it from there.
+    if (options.pathFile) {
+        const CameraPath path = CameraPath::load(*options.pathFile);
+        (void)path;
+        throw HeadlessError("camera-path video rendering is not built yet in this version of quorvane");
+    }
+
+    // 4-5. Option combinations that need no renderer to refuse.
+    const bool rasterQA = options.raster || options.benchRaster || options.parity;
+    if (rasterQA && options.settings.projection == Projection::equirect)
+        throw HeadlessError("--projection equirect is for path-traced stills and paths, not --raster / --parity");
+    if (!options.out && !options.benchRaster) throw HeadlessError("--out <png> is required in headless mode");
+
+    // 6. The camera.
+    const CameraDef camera = resolveCamera(options, scene);
+    (void)camera;
+
+    // 7. The model line.
+    out(strprintf("model: %s  (%zu tris, %zu materials, bounds %.2f,%.2f,%.2f .. %.2f,%.2f,%.2f, loaded in %.2fs)",
+                  modelPath.c_str(), model.triangleCount(), model.materials.size(), model.boundsMin.x,
+                  model.boundsMin.y, model.boundsMin.z, model.boundsMax.x, model.boundsMax.y, model.boundsMax.z,
+                  loadSeconds));
+    if (model.droppedTriangles > 0)
+        out(std::to_string(model.droppedTriangles) + " triangle(s) with bad vertex positions were dropped");
+
+    if (rasterQA) throw HeadlessError("raster QA runs are not built yet in this version of quorvane");
+    throw HeadlessError("path-traced rendering is not built yet in this version of quorvane");
 }
 
 } // namespace qv

@@ -1,5 +1,6 @@
 #pragma once
 #include "cli/CLIOptions.h"
+#include "scene/LogSink.h"
 
 #include <stdexcept>
 
@@ -14,7 +15,10 @@ public:
 // The batch driver for every run that is not the desktop viewer.
 class HeadlessCLI {
 public:
+    // Report lines go to standard output.
     static void run(const CLIOptions& options);
+    // The same with the report lines (and scene warnings) sent to `out`.
+    static void run(const CLIOptions& options, const LogSink& out);
 };
 
 } // namespace qv
