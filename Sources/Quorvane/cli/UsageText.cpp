@@ -16,7 +16,7 @@ struct UsageEntry {
 constexpr UsageEntry kUsageEntries[] = {
     {"--model PATH",
      "house model, glTF binary (default: ../viewer/house.glb next to the package when it is there, "
-     "else the house bundled in Resources/)"},
+     "else the bundled house.glb in ../share/quorvane/ next to the program or Resources/ in the package)"},
     {"--scene PATH", "scene contract (default: <model dir>/scene.json, then sample_scene.json)"},
     {"--camera NAME", "camera from scene.json (default: its \"default_camera\")"},
     {"--list-cameras", "print the scene's cameras and exit"},
@@ -81,6 +81,22 @@ constexpr UsageEntry kUsageEntries[] = {
 
 constexpr std::size_t kFormColumn = 2;
 constexpr std::size_t kMeaningColumn = 34;
+constexpr std::size_t kLineWidth = 110;
+
+// The meaning broken at spaces so that no line passes kLineWidth; the
+// continuation lines start at the meaning column.
+std::string wrappedMeaning(std::string_view meaning) {
+    const std::size_t width = kLineWidth - kMeaningColumn;
+    std::string out;
+    while (meaning.size() > width) {
+        std::size_t cut = meaning.rfind(' ', width);
+        if (cut == std::string_view::npos || cut == 0) cut = meaning.find(' ');
+        if (cut == std::string_view::npos) break;
+        out += std::string(meaning.substr(0, cut)) + "\n" + std::string(kMeaningColumn, ' ');
+        meaning.remove_prefix(cut + 1);
+    }
+    return out + std::string(meaning);
+}
 
 std::string buildUsage() {
     std::string text =
@@ -111,7 +127,7 @@ std::string buildUsage() {
             line.resize(kMeaningColumn, ' ');
         }
         text += line;
-        text += entry.meaning;
+        text += wrappedMeaning(entry.meaning);
         text += "\n";
     }
     text += "  --help, -h" + std::string(kMeaningColumn - 12, ' ') + "print this text\n";
