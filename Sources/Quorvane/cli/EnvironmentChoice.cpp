@@ -6,8 +6,6 @@
 namespace qv {
 
 namespace {
-constexpr double kNoonMinutes = 720.0; // a date without a clock means 12:00
-
 std::string clockOrNone(const std::optional<double>& minutes) {
     return minutes ? DateClock::clockString(*minutes) : std::string("none");
 }
@@ -42,7 +40,7 @@ EnvironmentChoice chooseEnvironment(const CLIOptions& options, const SiteLocatio
 
     if (options.date) {
         const CalendarDate& date = *options.date;
-        const double clock = options.clockMinutes.value_or(kNoonMinutes);
+        const double clock = options.clockMinutes.value_or(DateClock::kNoonMinutes);
         const SolarPosition::Position sun = SolarPosition::position(date.year, date.month, date.day, clock, site);
         const SolarPosition::Times times = SolarPosition::times(date.year, date.month, date.day, site);
         // Only --time fixes the preset against the sun; a camera's time does not.

@@ -1,7 +1,5 @@
 #include "scene/EnvironmentPreset.h"
 
-#include <cmath>
-
 namespace qv {
 
 EnvironmentPreset EnvironmentPreset::preset(TimeOfDay time) {
@@ -51,16 +49,6 @@ EnvironmentPreset EnvironmentPreset::preset(TimeOfDay time) {
         break;
     }
     return p;
-}
-
-float whiteLuminance(float ev100) { return 1.2f * std::exp2(ev100); }
-
-float exposureGain(float ev100) { return 1.0f / whiteLuminance(ev100); }
-
-float effectiveEV100(float presetEV100, float cameraExposureEV, float exposureCompensation,
-                     std::optional<float> ev100Override) {
-    const float ev = ev100Override ? *ev100Override : presetEV100 - cameraExposureEV;
-    return ev - exposureCompensation;
 }
 
 } // namespace qv

@@ -7,7 +7,6 @@
 #include "scene/WhiteBalance.h"
 #include "shaders/VecMath.h"
 
-#include <optional>
 
 namespace qv {
 
@@ -30,18 +29,5 @@ struct EnvironmentPreset {
 
     friend bool operator==(const EnvironmentPreset&, const EnvironmentPreset&) = default;
 };
-
-// The luminance (cd/m2) that an exposure of `ev100` maps to white: 1.2 x 2^EV100.
-float whiteLuminance(float ev100);
-
-// The exposure gain applied to radiance before tone mapping: 1 / whiteLuminance.
-float exposureGain(float ev100);
-
-// The exposure in force: --ev100 replaces the preset's EV100 (and with it the
-// camera's exposure_ev); otherwise the camera's exposure_ev lowers the preset's
-// value by its stops; --exposure lowers the result by its stops. Lower EV100 is
-// a brighter image.
-float effectiveEV100(float presetEV100, float cameraExposureEV, float exposureCompensation,
-                     std::optional<float> ev100Override);
 
 } // namespace qv

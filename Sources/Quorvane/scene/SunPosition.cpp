@@ -147,6 +147,11 @@ std::optional<double> solveEvent(int64_t year, int64_t month, int64_t day, const
         }
         estimate = 720.0 - 4.0 * (site.longitudeDeg - hourAngle) - tm.equationOfTimeMin +
                    60.0 * site.utcOffsetHours;
+        // Where the zone's offset is a day away from the longitude's own (UTC+14
+        // at 157 W), the formula lands a day off: the same clock time of the
+        // neighbouring day. Keep the estimate on the local date so that the next
+        // step takes the declination of the right day.
+        estimate = std::fmod(std::fmod(estimate, 1440.0) + 1440.0, 1440.0);
     }
     return estimate;
 }

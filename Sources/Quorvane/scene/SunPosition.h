@@ -55,7 +55,8 @@ struct Times {
 };
 
 // Sunrise (upper limb at the horizon with standard refraction, zenith 90.833
-// degrees), solar noon and sunset on a local date, in local clock minutes.
+// degrees), solar noon and sunset on a local date, in local clock minutes in
+// [0, 1440).
 Times times(int64_t year, int64_t month, int64_t day, const SiteLocation& site);
 
 // The nearest of the 16 compass points: "N", "NNE", ..., "NNW".
