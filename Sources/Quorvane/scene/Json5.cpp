@@ -436,7 +436,6 @@ private:
     }
 
     nlohmann::json parseNumber() {
-        size_t line = line_, column = column_;
         bool negative = false;
         if (peek() == '+' || peek() == '-') {
             negative = peek() == '-';
@@ -502,7 +501,7 @@ private:
                 ++fracDigits;
             }
         }
-        if (intDigits == 0 && fracDigits == 0) failAt("invalid number: no digits", line, column);
+        if (intDigits == 0 && fracDigits == 0) fail("invalid number: expected a digit, found " + describeChar(peek()));
         if (peek() == 'e' || peek() == 'E') {
             integral = false;
             literal += 'e';
