@@ -317,15 +317,33 @@ QV_KERNEL float2 dfgGenCell(int x, int y) {
     float alpha = rough * rough;
     float a2 = alpha * alpha;
     float3 v{std::sqrt(std::fmax(0.0f, 1.0f - mu * mu)), 0.0f, mu};
-    float T1 = 0.0f, T2 = 0.0f;
+    // sampleVNDF unrolled over the stratified grid: the stretched view vector,
+    // its frame and the disc radii and angles are shared by all samples.
     const float inv = 1.0f / float(DFG_SAMPLES);
+    float3 Vh = normalize(float3{alpha * v.x, alpha * v.y, v.z});
+    float len2 = Vh.x * Vh.x + Vh.y * Vh.y;
+    float3 T1v = len2 > 0.0f ? float3{-Vh.y, Vh.x, 0.0f} / std::sqrt(len2) : float3{1.0f, 0.0f, 0.0f};
+    float3 T2v = cross(Vh, T1v);
+    float sHalf = 0.5f * (1.0f + Vh.z);
+    float cosPhi[DFG_SAMPLES], sinPhi[DFG_SAMPLES];
+    for (int k = 0; k < DFG_SAMPLES; ++k) {
+        float phi = TWO_PI * ((float(k) + 0.5f) * inv);
+        cosPhi[k] = std::cos(phi);
+        sinPhi[k] = std::sin(phi);
+    }
+    float T1 = 0.0f, T2 = 0.0f;
     for (int i = 0; i < DFG_SAMPLES; ++i) {
+        float r = std::sqrt((float(i) + 0.5f) * inv);
         for (int k = 0; k < DFG_SAMPLES; ++k) {
-            float3 h = sampleVNDF(v, alpha, float2{(float(i) + 0.5f) * inv, (float(k) + 0.5f) * inv});
-            float3 l = reflect(-v, h);
-            if (l.z <= 0.0f) continue;
-            float g = G1_GGX(l.z, a2);
-            float m = clampf(1.0f - dot(v, h), 0.0f, 1.0f);
+            float t1 = r * cosPhi[k];
+            float t2 = (1.0f - sHalf) * std::sqrt(std::fmax(0.0f, 1.0f - t1 * t1)) + sHalf * (r * sinPhi[k]);
+            float3 Nh = T1v * t1 + T2v * t2 + Vh * std::sqrt(std::fmax(0.0f, 1.0f - t1 * t1 - t2 * t2));
+            float3 h = normalize(float3{alpha * Nh.x, alpha * Nh.y, std::fmax(0.0f, Nh.z)});
+            float VoH = dot(v, h);
+            float lz = 2.0f * VoH * h.z - v.z; // z of the reflection of -v about h
+            if (lz <= 0.0f) continue;
+            float g = G1_GGX(lz, a2);
+            float m = clampf(1.0f - VoH, 0.0f, 1.0f);
             float fc = m * m * m * m * m;
             T1 += g * (1.0f - fc);
             T2 += g * fc;
