@@ -1,7 +1,8 @@
 #pragma once
 // One chi-square test of a direction sampler against its own density, shared
 // by every sampler through a small adapter. The sphere is cut into bins equal
-// in cos(theta) and phi (theta measured from +z of the sampler's frame); each
+// in cos(theta) (or in theta, for densities that are piecewise constant in
+// theta) and in phi (theta measured from +z of the sampler's frame); each
 // bin's expected count is the density integrated over it on a fine sub-grid;
 // samples that report failure form one more category whose expectation is the
 // density's missing mass. Bins expected below 5 are pooled.
@@ -37,7 +38,10 @@ struct ChiSquareResult {
     double pdfMass = 0;           // integral of the density over the sphere
     double failedFraction = 0;    // samples that reported failure
     double worstPdfMismatch = 0;  // largest relative gap between reported and evaluated pdf
+    double mismatchFraction = 0;  // samples whose reported and evaluated pdf differ by more than 1e-3
 };
+
+enum class PolarBins { cosine, theta };
 
 // Regularised upper incomplete gamma Q(a, x) (Numerical Recipes: series below
 // a + 1, continued fraction above).
@@ -71,13 +75,14 @@ inline double gammaQ(double a, double x) {
 }
 
 inline ChiSquareResult chiSquareTest(const DirectionSampler& s, uint32_t seed, int sampleCount, int cosBins = 16,
-                                     int phiBins = 32, int subdiv = 16) {
+                                     int phiBins = 32, int subdiv = 16, PolarBins polar = PolarBins::cosine) {
     ChiSquareResult r;
     const int nb = cosBins * phiBins;
     std::vector<double> observed(nb + 1, 0.0), expected(nb + 1, 0.0);
     auto binOf = [&](float3 d) {
         double c = std::fmin(std::fmax(double(d.z), -1.0), 1.0);
-        int ci = std::min(int((c + 1) * 0.5 * cosBins), cosBins - 1);
+        double t = polar == PolarBins::cosine ? (c + 1) * 0.5 : 1.0 - std::acos(c) / M_PI;
+        int ci = std::min(int(t * cosBins), cosBins - 1);
         double phi = std::atan2(double(d.y), double(d.x));
         if (phi < 0) phi += 2 * M_PI;
         int pi = std::min(int(phi / (2 * M_PI) * phiBins), phiBins - 1);
@@ -95,16 +100,28 @@ inline ChiSquareResult chiSquareTest(const DirectionSampler& s, uint32_t seed, i
         double p = s.pdf(d.dir);
         double gap = std::fabs(p - d.pdf) / std::fmax(d.pdf, 1e-12);
         r.worstPdfMismatch = std::fmax(r.worstPdfMismatch, gap);
+        if (gap > 1e-3) r.mismatchFraction += 1.0 / sampleCount;
     }
-    // Expected counts: midpoint rule on a subdiv x subdiv grid inside each bin.
-    const double dc = 2.0 / (cosBins * subdiv), dphi = 2 * M_PI / (phiBins * subdiv);
+    // Expected counts: midpoint rule on a subdiv x subdiv grid inside each bin
+    // (in theta: the solid angle of a sub-cell is sin(theta) dtheta dphi).
+    const double dc = 2.0 / (cosBins * subdiv), dt = M_PI / (cosBins * subdiv);
+    const double dphi = 2 * M_PI / (phiBins * subdiv);
     for (int ci = 0; ci < cosBins * subdiv; ++ci) {
-        double c = -1 + (ci + 0.5) * dc;
-        double st = std::sqrt(std::fmax(0.0, 1 - c * c));
+        double c, st, dmeasure;
+        if (polar == PolarBins::cosine) {
+            c = -1 + (ci + 0.5) * dc;
+            st = std::sqrt(std::fmax(0.0, 1 - c * c));
+            dmeasure = dc;
+        } else {
+            double theta = M_PI - (ci + 0.5) * dt; // bin 0 holds the lowest directions, as with cosines
+            c = std::cos(theta);
+            st = std::sin(theta);
+            dmeasure = st * dt;
+        }
         for (int pi = 0; pi < phiBins * subdiv; ++pi) {
             double phi = (pi + 0.5) * dphi;
             float3 d{float(st * std::cos(phi)), float(st * std::sin(phi)), float(c)};
-            double mass = s.pdf(d) * dc * dphi;
+            double mass = s.pdf(d) * dmeasure * dphi;
             expected[(ci / subdiv) * phiBins + pi / subdiv] += mass;
             r.pdfMass += mass;
         }
