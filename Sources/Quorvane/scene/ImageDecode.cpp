@@ -1,7 +1,7 @@
 #include "scene/ImageDecode.h"
 
 #include <stb_image.h>
-#include <stb_image_resize.h>
+#include <tbb/parallel_for.h>
 
 #include <algorithm>
 #include <climits>
@@ -37,25 +37,110 @@ ImageSize cappedSize(int width, int height, int maxSide) {
     return {std::max(1, int(std::floor(double(width) * scale))), std::max(1, int(std::floor(double(height) * scale)))};
 }
 
+namespace {
+
+struct SRGBTables {
+    float toLinear[256];
+    uint8_t toSRGB[16384]; // indexed by linear value x 16383, rounded
+    SRGBTables() {
+        for (int i = 0; i < 256; ++i) {
+            const double c = i / 255.0;
+            toLinear[i] = float(c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4));
+        }
+        for (int i = 0; i < 16384; ++i) {
+            const double l = i / 16383.0;
+            const double c = l <= 0.0031308 ? l * 12.92 : 1.055 * std::pow(l, 1.0 / 2.4) - 0.055;
+            toSRGB[i] = uint8_t(std::lround(std::clamp(c, 0.0, 1.0) * 255.0));
+        }
+    }
+    uint8_t encode(float linear) const {
+        return toSRGB[size_t(std::lround(std::clamp(linear, 0.0f, 1.0f) * 16383.0f))];
+    }
+};
+
+const SRGBTables& srgbTables() {
+    static const SRGBTables tables;
+    return tables;
+}
+
+// For each output sample along one axis, the source samples it covers and the
+// fraction of its footprint each one takes (weights sum to 1): an area average.
+struct Footprint {
+    std::vector<uint32_t> first; // per output sample: offset into taps
+    std::vector<uint32_t> source;
+    std::vector<float> weight;
+};
+
+Footprint footprints(int sourceSize, int outputSize) {
+    Footprint f;
+    const double scale = double(sourceSize) / double(outputSize);
+    for (int o = 0; o < outputSize; ++o) {
+        f.first.push_back(uint32_t(f.source.size()));
+        const double x0 = o * scale, x1 = (o + 1) * scale;
+        const int s0 = int(std::floor(x0));
+        const int s1 = std::min(sourceSize, int(std::ceil(x1)));
+        for (int s = s0; s < s1; ++s) {
+            const double overlap = std::min(x1, double(s + 1)) - std::max(x0, double(s));
+            if (overlap > 0) {
+                f.source.push_back(uint32_t(s));
+                f.weight.push_back(float(overlap / scale));
+            }
+        }
+    }
+    f.first.push_back(uint32_t(f.source.size()));
+    return f;
+}
+
+} // namespace
+
+// An area average in linear light. Colour is weighted by alpha (plus a small
+// floor, so fully transparent regions keep their own colour instead of going
+// black) and alpha itself is averaged plainly.
 RGBA8Image resampleRGBA8(const RGBA8Image& image, int width, int height) {
+    constexpr float kAlphaFloor = 1e-4f;
+    const SRGBTables& t = srgbTables();
+    const Footprint fx = footprints(image.width, width);
+    const Footprint fy = footprints(image.height, height);
+
+    // Horizontal pass: every source row to `width` samples of (r, g, b) x (a + floor), a.
+    std::vector<float> rows(size_t(image.height) * size_t(width) * 4);
+    tbb::parallel_for(0, image.height, [&](int y) {
+        const uint8_t* src = image.pixels.data() + size_t(y) * size_t(image.width) * 4;
+        float* dst = rows.data() + size_t(y) * size_t(width) * 4;
+        for (int x = 0; x < width; ++x) {
+            float acc[4] = {0, 0, 0, 0};
+            for (uint32_t k = fx.first[size_t(x)]; k < fx.first[size_t(x) + 1]; ++k) {
+                const uint8_t* p = src + size_t(fx.source[k]) * 4;
+                const float a = p[3] / 255.0f;
+                const float w = fx.weight[k] * (a + kAlphaFloor);
+                acc[0] += w * t.toLinear[p[0]];
+                acc[1] += w * t.toLinear[p[1]];
+                acc[2] += w * t.toLinear[p[2]];
+                acc[3] += fx.weight[k] * a;
+            }
+            std::memcpy(dst + size_t(x) * 4, acc, sizeof acc);
+        }
+    });
+
     RGBA8Image out;
     out.width = width;
     out.height = height;
     out.pixels.resize(size_t(width) * size_t(height) * 4);
-    // Alpha is channel 3 and not premultiplied: the resizer weights colour by
-    // alpha while filtering, so transparent texels do not bleed their colour.
-    int ok = stbir_resize_uint8_srgb(image.pixels.data(), image.width, image.height, image.width * 4,
-                                     out.pixels.data(), width, height, width * 4, 4, 3, 0);
-    if (!ok) {
-        // Only an allocation failure gets here; a nearest-neighbour copy keeps the texture usable.
-        for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x) {
-                const size_t sx = size_t(int64_t(x) * image.width / width);
-                const size_t sy = size_t(int64_t(y) * image.height / height);
-                std::memcpy(&out.pixels[(size_t(y) * size_t(width) + size_t(x)) * 4],
-                            &image.pixels[(sy * size_t(image.width) + sx) * 4], 4);
+    tbb::parallel_for(0, height, [&](int y) {
+        uint8_t* dst = out.pixels.data() + size_t(y) * size_t(width) * 4;
+        for (int x = 0; x < width; ++x) {
+            float acc[4] = {0, 0, 0, 0};
+            for (uint32_t k = fy.first[size_t(y)]; k < fy.first[size_t(y) + 1]; ++k) {
+                const float* p = rows.data() + (size_t(fy.source[k]) * size_t(width) + size_t(x)) * 4;
+                for (int c = 0; c < 4; ++c) acc[c] += fy.weight[k] * p[c];
             }
-    }
+            const float norm = 1.0f / (acc[3] + kAlphaFloor);
+            dst[size_t(x) * 4 + 0] = t.encode(acc[0] * norm);
+            dst[size_t(x) * 4 + 1] = t.encode(acc[1] * norm);
+            dst[size_t(x) * 4 + 2] = t.encode(acc[2] * norm);
+            dst[size_t(x) * 4 + 3] = uint8_t(std::lround(std::clamp(acc[3], 0.0f, 1.0f) * 255.0f));
+        }
+    });
     return out;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 // Decoding of embedded model images (PNG, JPEG and the other formats stb_image
-// reads) to 8-bit RGBA, the 2048-pixel cap, and data-URI base64.
+// reads) to 8-bit RGBA, resampling for the 2048-pixel cap, and data-URI base64.
 #include "scene/LoadedModel.h"
 
 #include <cstdint>
@@ -27,8 +27,8 @@ struct ImageSize {
 };
 ImageSize cappedSize(int width, int height, int maxSide = kMaxTextureSide);
 
-// Resamples a straight-alpha sRGB image to w x h (filtering in linear light,
-// alpha-weighted).
+// Resamples a straight-alpha sRGB image to w x h by averaging each output
+// pixel's footprint in linear light, colour weighted by alpha.
 RGBA8Image resampleRGBA8(const RGBA8Image& image, int width, int height);
 
 // Standard base64 (RFC 4648, padding optional). Nothing on a character outside the alphabet.
