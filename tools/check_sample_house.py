@@ -578,11 +578,120 @@ def write_plan(path, doc, flat, scene, cut_heights=(1.4, 4.4), ppm=24):
         f.write(png_bytes(w * len(cut_heights), hgt, [bytes(r) for r in img]))
 
 
+class Grid:
+    """A uniform grid over the triangles for the camera previews."""
+
+    def __init__(self, flat, boxes, lo=(-14.0, -0.2, -12.0), hi=(28.0, 10.0, 28.0), cell=0.35):
+        self.flat, self.lo, self.cell = flat, lo, cell
+        self.n = tuple(int(math.ceil((hi[i] - lo[i]) / cell)) for i in range(3))
+        self.cells = {}
+        for k in range(len(flat.tris)):
+            a = [max(0, min(self.n[i] - 1, int((boxes.lo[k][i] - lo[i]) / cell))) for i in range(3)]
+            b = [max(0, min(self.n[i] - 1, int((boxes.hi[k][i] - lo[i]) / cell))) for i in range(3)]
+            for x in range(a[0], b[0] + 1):
+                for y in range(a[1], b[1] + 1):
+                    for z in range(a[2], b[2] + 1):
+                        self.cells.setdefault((x, y, z), []).append(k)
+
+    def trace(self, o, d):
+        """Nearest non-glass hit (t, triangle) by walking the grid cells along the ray."""
+        t0, t1 = 0.0, 1e9
+        for i in range(3):
+            hi = self.lo[i] + self.n[i] * self.cell
+            if abs(d[i]) < 1e-12:
+                if not self.lo[i] <= o[i] <= hi:
+                    return None
+                continue
+            ta, tb = (self.lo[i] - o[i]) / d[i], (hi - o[i]) / d[i]
+            t0, t1 = max(t0, min(ta, tb)), min(t1, max(ta, tb))
+        if t0 > t1:
+            return None
+        p = [o[i] + d[i] * (t0 + 1e-6) for i in range(3)]
+        c = [max(0, min(self.n[i] - 1, int((p[i] - self.lo[i]) / self.cell))) for i in range(3)]
+        step = [1 if d[i] > 0 else -1 for i in range(3)]
+        tmax, tdelta = [], []
+        for i in range(3):
+            if abs(d[i]) < 1e-12:
+                tmax.append(1e30)
+                tdelta.append(1e30)
+            else:
+                edge = self.lo[i] + (c[i] + (1 if d[i] > 0 else 0)) * self.cell
+                tmax.append((edge - o[i]) / d[i])
+                tdelta.append(self.cell / abs(d[i]))
+        best = None
+        seen = set()
+        while True:
+            for k in self.cells.get(tuple(c), ()):
+                if k in seen:
+                    continue
+                seen.add(k)
+                if self.flat.glass[self.flat.material[k]]:
+                    continue
+                t = ray_hit(o, d, self.flat.tris[k])
+                if t is not None and (best is None or t < best[0]):
+                    best = (t, k)
+            axis = min(range(3), key=lambda i: tmax[i])
+            if best is not None and best[0] <= tmax[axis]:
+                return best
+            c[axis] += step[axis]
+            if not 0 <= c[axis] < self.n[axis]:
+                return best
+            tmax[axis] += tdelta[axis]
+
+
+def write_views(folder, doc, flat, grid, scene, width=160, height=100):
+    """A flat-shaded picture from every camera: base colour lit by a head
+    light, emissive materials bright, glass see-through, sky where nothing."""
+    os.makedirs(folder, exist_ok=True)
+    colours, glow = [], []
+    for m in doc['materials']:
+        b = m['pbrMetallicRoughness'].get('baseColorFactor', [1, 1, 1, 1])
+        if 'baseColorTexture' in m['pbrMetallicRoughness']:
+            b = [0.45 * b[0], 0.3 * b[1], 0.18 * b[2]]
+        if m['pbrMetallicRoughness'].get('metallicFactor', 0) > 0.5:
+            b = [0.6 * x for x in b]
+        colours.append(b[:3])
+        glow.append(max(m.get('emissiveFactor', [0, 0, 0])) > 0)
+    for cam in scene['cameras']:
+        eye, target = cam['eye'], cam['target']
+        f = v_sub(target, eye)
+        f = tuple(x / math.sqrt(v_dot(f, f)) for x in f)
+        r = v_cross(f, (0.0, 1.0, 0.0))
+        r = tuple(x / math.sqrt(v_dot(r, r)) for x in r)
+        u = v_cross(r, f)
+        th = math.tan(math.radians(cam.get('fov_deg', 70.0)) / 2)
+        rows = []
+        for y in range(height):
+            row = bytearray()
+            for x in range(width):
+                sx = (2 * (x + 0.5) / width - 1) * th * width / height
+                sy = (1 - 2 * (y + 0.5) / height) * th
+                d = tuple(f[i] + sx * r[i] + sy * u[i] for i in range(3))
+                d = tuple(v / math.sqrt(v_dot(d, d)) for v in d)
+                hit = grid.trace(tuple(eye), d)
+                if hit is None:
+                    c = (0.45, 0.6, 0.85) if d[1] > 0 else (0.1, 0.2, 0.05)
+                else:
+                    k = hit[1]
+                    n = flat.normals[k]
+                    s = tuple(n[0][i] + n[1][i] + n[2][i] for i in range(3))
+                    ln = math.sqrt(v_dot(s, s)) or 1.0
+                    lam = abs(v_dot(s, d)) / ln
+                    base = colours[flat.material[k]]
+                    c = (1.0, 0.95, 0.8) if glow[flat.material[k]] else tuple(b * (0.25 + 0.75 * lam) for b in base)
+                row += bytes(min(255, int(255 * max(0.0, v) ** (1 / 2.2))) for v in c)
+            rows.append(bytes(row))
+        name = cam['name'].replace(' ', '_')
+        with open(os.path.join(folder, name + '.png'), 'wb') as fh:
+            fh.write(png_bytes(width, height, rows))
+
+
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     ap = argparse.ArgumentParser(description=__doc__.split('\n\n')[0])
     ap.add_argument('--dir', default=os.path.join(here, '..', 'Resources'))
     ap.add_argument('--preview', help='write a top-down plan of both storeys to this PNG')
+    ap.add_argument('--views', help='write a flat-shaded picture from every camera into this folder')
     args = ap.parse_args()
     c = Checker()
     doc, binary = read_glb(os.path.join(args.dir, 'house.glb'), c)
@@ -599,6 +708,8 @@ def main():
              len(scene['lights']), [round(v, 2) for v in lo], [round(v, 2) for v in hi]))
     if args.preview:
         write_plan(args.preview, doc, flat, scene)
+    if args.views:
+        write_views(args.views, doc, flat, Grid(flat, boxes), scene)
     for f in c.failures:
         print('FAIL: ' + f)
     print('ok' if not c.failures else '%d failure(s)' % len(c.failures))

@@ -624,7 +624,7 @@ def build_living(h):
     h.instance(g, 'Living_Coffee_Table', 'CoffeeTable', coffee_table_mesh, (2.3, 0, 6.3))
     h.instance(g, 'Living_Rug', 'RugLiving', lambda m: rug_mesh(m, 2.8, 2.9), (2.3, 0, 6.9))
     h.instance(g, 'Living_Plant', 'Plant', plant_mesh, (0.75, 0, 9.2))
-    h.instance(g, 'Living_Bookshelf', 'Bookshelf', bookshelf_mesh, (5.5, 0, 9.5), 180)
+    h.instance(g, 'Living_Bookshelf', 'Bookshelf', bookshelf_mesh, (6.4, 0, 4.32 + 0.175))
 
 
 def build_dining(h):
@@ -633,7 +633,7 @@ def build_dining(h):
     for i, x in enumerate((9.45, 10.15, 10.85)):
         h.instance(g, 'Dining_Chair_N%d' % (i + 1), 'Chair', chair_mesh, (x, 0, 6.38), 0)
         h.instance(g, 'Dining_Chair_S%d' % (i + 1), 'Chair', chair_mesh, (x, 0, 7.62), 180)
-    h.instance(g, 'Dining_Plant', 'Plant', plant_mesh, (12.2, 0, 9.2))
+    h.instance(g, 'Dining_Plant', 'Plant', plant_mesh, (7.95, 0, 9.3))
 
 
 def build_kitchen(h):
