@@ -1,12 +1,11 @@
 #include "pathtracer/Renderer.h"
 
+#include "pathtracer/KernelDispatch.h"
 #include "pathtracer/SceneTracer.h"
 #include "scene/SiteLocation.h"
 #include "scene/TextFormat.h"
-#include "shaders/CameraRays.h"
 
 #include <tbb/blocked_range.h>
-#include <tbb/blocked_range2d.h>
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
 
@@ -264,16 +263,8 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     SceneTracer tracer(g.opAS.get(), g.auxAS.get(), g.glassAS.get());
     GPUUniforms u = updateUniforms();
     u.params1.z = float(firstRow);
-    KernelContext<SceneTracer> ctx{u, s, tracer, tex};
     FrameSums sums{accum_.data(), guideA_.data(), guideB_.data(), nullptr, stats_.data()};
-
-    int rowEnd = int(firstRow + rows);
-    tbb::parallel_for(tbb::blocked_range2d<int>(int(firstRow), rowEnd, 8, 0, int(width_), 8),
-                      [&](const tbb::blocked_range2d<int>& r) {
-                          for (int y = r.rows().begin(); y < r.rows().end(); ++y)
-                              for (int x = r.cols().begin(); x < r.cols().end(); ++x)
-                                  pathTracePixel<false>(ctx, sums, uint32_t(x), uint32_t(y));
-                      });
+    runCameraKernel(u, s, tracer, tex, sums, firstRow, rows);
 }
 
 int64_t Renderer::encodeRows(int64_t rows) {

@@ -104,11 +104,13 @@ QV_KERNEL void addC(float3& L, float3 c, bool doClamp, float clampLum, bool& bad
 // First index of n ascending cumulative values whose value exceeds u; n - 1
 // when none does (u at or above the last value through rounding).
 QV_KERNEL uint32_t searchCdf(const float* cdf, uint32_t n, float u) {
-    uint32_t lo = 0, hi = n - 1;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2u;
-        if (cdf[mid] > u) hi = mid;
-        else lo = mid + 1u;
+    // Branch-free halving (the comparisons of a random u mispredict half the
+    // time): the answer stays within [lo, lo + len - 1] and len shrinks to 1.
+    uint32_t lo = 0, len = n;
+    while (len > 1u) {
+        uint32_t half = len / 2u;
+        lo = cdf[lo + half - 1u] > u ? lo : lo + half;
+        len -= half;
     }
     return lo;
 }

@@ -1,0 +1,81 @@
+// Path-tracing throughput on the bundled house: loads the model and its
+// sample scene, renders one camera at one time of day and prints the build
+// times and the render rate in Mpaths/s (samples x pixels per second).
+//   bench_render [camera] [day|dusk|night] [spp] [WxH] [out.png]
+#include "image/PNGWriter.h"
+#include "image/ToneMapping.h"
+#include "pathtracer/Renderer.h"
+#include "scene/ColorMath.h"
+#include "scene/EnvironmentPreset.h"
+#include "scene/GLBLoader.h"
+#include "scene/SceneDescription.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+using namespace qv;
+
+int main(int argc, char** argv) {
+    std::string cameraName = argc > 1 ? argv[1] : "Living";
+    std::string timeName = argc > 2 ? argv[2] : "night";
+    int spp = argc > 3 ? std::atoi(argv[3]) : 16;
+    int width = 1280, height = 720;
+    if (argc > 4) std::sscanf(argv[4], "%dx%d", &width, &height);
+    std::string out = argc > 5 ? argv[5] : "";
+
+    auto log = [](std::string_view line) { std::printf("%.*s\n", int(line.size()), line.data()); };
+    std::string root = QV_SOURCE_DIR;
+    auto t0 = std::chrono::steady_clock::now();
+    LoadedModel model = GLBLoader::load(root + "/Resources/house.glb");
+    SceneDescription scene = SceneDescription::load(root + "/Resources/sample_scene.json", log);
+    auto seconds = [](auto a) { return std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count(); };
+    std::printf("load: %.3f s (%zu triangles)\n", seconds(t0), model.triangleCount());
+
+    const CameraDef* camera = scene.camera(cameraName);
+    if (!camera) {
+        std::fprintf(stderr, "no camera %s\n", cameraName.c_str());
+        return 1;
+    }
+    TimeOfDay time = timeName == "day" ? TimeOfDay::day : timeName == "dusk" ? TimeOfDay::dusk : TimeOfDay::night;
+    RenderSettings settings;
+    settings.width = width;
+    settings.height = height;
+    settings.neeMode = NEEMode::tree;
+
+    auto t1 = std::chrono::steady_clock::now();
+    Renderer renderer(settings, log);
+    std::printf("device: %s  (set up in %.3f s)\n", renderer.deviceName().c_str(), renderer.compileSeconds());
+    auto t2 = std::chrono::steady_clock::now();
+    renderer.load(model, scene);
+    std::printf("scene build: %.3f s\n", seconds(t2));
+    auto t3 = std::chrono::steady_clock::now();
+    EnvironmentPreset preset = EnvironmentPreset::preset(time);
+    renderer.setEnvironment(preset, scene.northDeg.value_or(0.0f));
+    std::printf("environment: %.3f s\n", seconds(t3));
+    (void)t1;
+    renderer.setCamera(*camera);
+    renderer.resize(width, height);
+
+    auto t4 = std::chrono::steady_clock::now();
+    renderer.encodeSamples(spp);
+    double s = seconds(t4);
+    double mpaths = double(spp) * double(width) * double(height) / s / 1e6;
+    std::printf("rendered %d spp at %dx%d in %.2fs  ->  %.1f spp/s  (%.3f Mpaths/s)\n", spp, width, height, s,
+                double(spp) / s, mpaths);
+    RadianceStats st = renderer.radianceStats();
+    std::printf("stats: NaN/Inf samples %u, dropped %u, mean %.2f / median %.2f / max %.0f cd/m2, black %.3f%%\n",
+                renderer.statCounter(0), renderer.statCounter(1), st.mean, st.median, st.max,
+                100.0 * st.blackFraction);
+
+    if (!out.empty()) {
+        float3 gains{1, 1, 1};
+        if (auto ill = renderer.measureSceneIlluminant()) gains = ColorMath::whiteBalanceGains(*ill);
+        ToneParams tp = makeToneParams(renderer.settings(), renderer.effectiveEV100(), gains, uint32_t(width),
+                                       uint32_t(height));
+        PNGWriter::write(toneMapToRGBA(renderer.accum().data(), tp), width, height, out);
+        std::printf("wrote %s\n", out.c_str());
+    }
+    return 0;
+}
