@@ -1,5 +1,6 @@
 #include "image/AtrousDenoiser.h"
 
+#include "image/AtrousPassCPU.h"
 #include "image/EnvNumbers.h"
 
 #include <tbb/blocked_range.h>
@@ -46,7 +47,11 @@ const AtrousSettings& AtrousSettings::fromEnvironment() {
     return settings;
 }
 
-AtrousDenoiser::AtrousDenoiser(const AtrousSettings& settings) : settings_(settings) {}
+AtrousDenoiser::AtrousDenoiser(const AtrousSettings& settings)
+    : settings_(settings), guidePlanes_(std::make_unique<AtrousGuidePlanes>()),
+      colourPlanes_(std::make_unique<AtrousColourPlanes>()) {}
+
+AtrousDenoiser::~AtrousDenoiser() = default;
 
 bool AtrousDenoiser::ensureBuffers(uint32_t width, uint32_t height) {
     size_t pixels = size_t(width) * height;
@@ -72,12 +77,12 @@ bool AtrousDenoiser::filter(const float4* accum, const float4* guideA, const flo
     forEachPixel(width, height, [&](uint32_t x, uint32_t y) {
         denoisePrep(accum, guideA, guideB, colourA_.data(), noise_.data(), guide_.data(), albedo_.data(), prep, x, y);
     });
+    guidePlanes_->build(guide_.data(), width, height, settings_.sigmas.y);
     for (uint32_t i = 0; i < ATROUS_PASSES; ++i) {
         GPUDenoiseParams p = params(1u << i, i);
         const float4* src = (i & 1) ? colourB_.data() : colourA_.data();
         float4* dst = (i & 1) ? colourA_.data() : colourB_.data();
-        forEachPixel(width, height,
-                     [&](uint32_t x, uint32_t y) { denoiseAtrous(src, dst, guide_.data(), noise_.data(), p, x, y); });
+        atrousPassCPU(src, dst, guide_.data(), *guidePlanes_, *colourPlanes_, noise_.data(), p);
     }
     forEachPixel(width, height,
                  [&](uint32_t x, uint32_t y) { denoiseFinish(colourB_.data(), albedo_.data(), out_.data(), prep, x, y); });

@@ -5,10 +5,14 @@
 #include "shaders/Atrous.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
 namespace qv {
+
+struct AtrousGuidePlanes;
+struct AtrousColourPlanes;
 
 // Tunables of the filter and restore. Defaults unless the QV_ switches hold
 // the accepted number of numbers:
@@ -34,6 +38,9 @@ struct AtrousSettings {
 class AtrousDenoiser {
 public:
     explicit AtrousDenoiser(const AtrousSettings& settings = AtrousSettings::fromEnvironment());
+    ~AtrousDenoiser();
+    AtrousDenoiser(const AtrousDenoiser&) = delete;
+    AtrousDenoiser& operator=(const AtrousDenoiser&) = delete;
 
     const AtrousSettings& settings() const { return settings_; }
 
@@ -63,6 +70,9 @@ private:
     AtrousSettings settings_;
     uint32_t width_ = 0, height_ = 0;
     std::vector<float4> colourA_, colourB_, guide_, albedo_, out_, noise_;
+    // Structure-of-arrays scratch of the vectorised filter pass.
+    std::unique_ptr<AtrousGuidePlanes> guidePlanes_;
+    std::unique_ptr<AtrousColourPlanes> colourPlanes_;
 };
 
 } // namespace qv

@@ -41,7 +41,11 @@ static_assert(offsetof(GPUDenoiseParams, dims) == 0 && offsetof(GPUDenoiseParams
 
 constexpr int ATROUS_PASSES = 5;
 
-QV_KERNEL float maxComponent(float3 c) { return std::fmax(c.x, std::fmax(c.y, c.z)); }
+// max and min that compile to one instruction (std::fmax carries NaN rules
+// that cost a library call per use on the CPU); inputs here are finite.
+QV_KERNEL float maxFloat(float a, float b) { return a > b ? a : b; }
+QV_KERNEL float minFloat(float a, float b) { return a < b ? a : b; }
+QV_KERNEL float maxComponent(float3 c) { return maxFloat(c.x, maxFloat(c.y, c.z)); }
 QV_KERNEL float3 abs3(float3 c) { return {std::fabs(c.x), std::fabs(c.y), std::fabs(c.z)}; }
 QV_KERNEL int clampIndex(int v, int n) { return v < 0 ? 0 : (v >= n ? n - 1 : v); }
 
@@ -58,7 +62,7 @@ QV_KERNEL void denoisePrep(const float4* accum, const float4* guideA, const floa
                            uint32_t y) {
     if (x >= P.dims.x || y >= P.dims.y) return;
     size_t i = size_t(y) * P.dims.x + x;
-    float n = std::fmax(accum[i].w, 1.0f);
+    float n = maxFloat(accum[i].w, 1.0f);
     float3 c = xyz(accum[i]) / n;
     float3 alb = max(xyz(guideA[i]) / n, float3{0.02f, 0.02f, 0.02f});
     float depth = guideA[i].w / n;
@@ -67,9 +71,9 @@ QV_KERNEL void denoisePrep(const float4* accum, const float4* guideA, const floa
     nr = length(nr) > 1e-6f ? nr / n : float3{0, 0, 1};
     float m1 = rec709Luminance(c);
     float m2 = guideB[i].w / n;
-    float var = std::fmax(m2 - m1 * m1, 0.0f) / n;
+    float var = maxFloat(m2 - m1 * m1, 0.0f) / n;
     float la = rec709Luminance(alb);
-    float4 irr = make_float4(c / alb, var / std::fmax(la * la, 1e-4f));
+    float4 irr = make_float4(c / alb, var / maxFloat(la * la, 1e-4f));
     colour[i] = irr;
     noise[i] = float4{irr.w, irr.w, 0, 0};
     guide[i] = make_float4(nr, depth);
@@ -105,14 +109,14 @@ QV_KERNEL void denoiseAtrous(const float4* src, float4* dst, const float4* guide
     float3 rgb0 = xyz(c0);
     float l0 = rec709Luminance(rgb0);
     float coh = clamp01(length(xyz(g0)));
-    float3 n0 = xyz(g0) / std::fmax(coh, 1e-6f);
+    float3 n0 = xyz(g0) / maxFloat(coh, 1e-6f);
     float coh2 = coh * coh, coh4 = coh2 * coh2, coh8 = coh4 * coh4;
     float npow = P.sigmas.y * coh8 * coh8;
-    float sd = std::sqrt(std::fmax(prefilteredVariance(src, W, H, int(x), int(y)), 0.0f));
+    float sd = std::sqrt(maxFloat(prefilteredVariance(src, W, H, int(x), int(y)), 0.0f));
     float sigL = P.sigmas.x * sd + 0.02f * l0 + 1e-4f;
-    float3 u0 = rgb0 / std::fmax(l0, 1e-6f);
-    float sigU = P.chroma.y + P.chroma.z * sd / std::fmax(l0, 1e-6f);
-    float depthScale = P.sigmas.z * std::fmax(g0.w, 0.1f) * float(step) + 1e-4f;
+    float3 u0 = rgb0 / maxFloat(l0, 1e-6f);
+    float sigU = P.chroma.y + P.chroma.z * sd / maxFloat(l0, 1e-6f);
+    float depthScale = P.sigmas.z * maxFloat(g0.w, 0.1f) * float(step) + 1e-4f;
 
     float3 sum{};
     float varSum = 0, pvSum = 0, wsum = 0;
@@ -127,16 +131,16 @@ QV_KERNEL void denoiseAtrous(const float4* src, float4* dst, const float4* guide
             float4 g = guide[j];
             float k = atrousTapWeight(dx) * atrousTapWeight(dy);
             float gl = length(xyz(g));
-            float wn = std::pow(std::fmax(dot(n0, xyz(g) / std::fmax(gl, 1e-6f)), 0.0f), npow);
+            float wn = std::pow(maxFloat(dot(n0, xyz(g) / maxFloat(gl, 1e-6f)), 0.0f), npow);
             float wz = std::exp(-std::fabs(g0.w - g.w) / depthScale);
             float3 rgb = xyz(c);
             float lq = rec709Luminance(rgb);
             float dlum = l0 - lq;
             float3 dch = (rgb0 - rgb) - float3{dlum, dlum, dlum};
             float wl = std::exp(-(std::fabs(dlum) + P.chroma.x * maxComponent(abs3(dch))) / sigL);
-            if (P.chroma.y > 0) wl *= std::exp(-maxComponent(abs3(u0 - rgb / std::fmax(lq, 1e-6f))) / sigU);
+            if (P.chroma.y > 0) wl *= std::exp(-maxComponent(abs3(u0 - rgb / maxFloat(lq, 1e-6f))) / sigU);
             float w = k * wn * wz * wl;
-            if (P.sigmas.w > 0) w *= std::exp(-std::fmax(coh - std::fmin(gl, 1.0f), 0.0f) / P.sigmas.w);
+            if (P.sigmas.w > 0) w *= std::exp(-maxFloat(coh - minFloat(gl, 1.0f), 0.0f) / P.sigmas.w);
             sum += rgb * w;
             varSum += c.w * w * w;
             pvSum += (readFirst ? noise[j].x : noise[j].y) * w;
@@ -173,8 +177,8 @@ QV_KERNEL void denoiseResid(const float4* accum, const float4* guideB, const flo
     if (x >= P.dims.x || y >= P.dims.y) return;
     size_t i = size_t(y) * P.dims.x + x;
     float n = accum[i].w;
-    float3 d = xyz(denoised[i]) / std::fmax(denoised[i].w, 1e-6f);
-    float ld = std::fmax(rec709Luminance(d), 1e-6f);
+    float3 d = xyz(denoised[i]) / maxFloat(denoised[i].w, 1e-6f);
+    float ld = maxFloat(rec709Luminance(d), 1e-6f);
     float pvl = noise[i].y;
     if (!(n > 0)) {
         resid[i] = make_float4(-d, ld);
@@ -183,16 +187,16 @@ QV_KERNEL void denoiseResid(const float4* accum, const float4* guideB, const flo
     }
     float3 xm = xyz(accum[i]) / n;
     float lx = rec709Luminance(xm);
-    float s2 = std::fmax(guideB[i].w / n - lx * lx, 0.0f) / n;
+    float s2 = maxFloat(guideB[i].w / n - lx * lx, 0.0f) / n;
     float la = rec709Luminance(xyz(albedo[i]));
-    float nl = std::fmax(pvl * la * la, s2);
+    float nl = maxFloat(pvl * la * la, s2);
     // Spread the luminance noise over the channels by chromaticity, so a
     // coloured outlier does not read as chroma detail.
     float3 q;
     for (int ch = 0; ch < 3; ++ch) {
-        float a = std::fmax(d[ch], 0.0f) / ld;
-        float b = std::fmax(xm[ch], 0.0f) / std::fmax(lx, 1e-6f);
-        q[ch] = std::fmax(a * a, b * b);
+        float a = maxFloat(d[ch], 0.0f) / ld;
+        float b = maxFloat(xm[ch], 0.0f) / maxFloat(lx, 1e-6f);
+        q[ch] = maxFloat(a * a, b * b);
     }
     resid[i] = make_float4(xm - d, ld);
     noise[i] = make_float4(q * nl, s2);
@@ -227,7 +231,7 @@ QV_KERNEL void denoiseCrease(const float4* resid, const float4* noise, const flo
             int ad = dx < 0 ? -dx : dx, bd = dy < 0 ? -dy : dy;
             int reach = ad > bd ? ad : bd;
             reach = reach > 1 ? reach : 1;
-            if (!(std::fabs(guide[j].w - depth) < 0.05f * std::fmax(depth, 0.1f) * float(reach))) continue;
+            if (!(std::fabs(guide[j].w - depth) < 0.05f * maxFloat(depth, 0.1f) * float(reach))) continue;
             float4 Rj = resid[j];
             if (!(Rj.w < 2.0f * R.w && 2.0f * Rj.w > R.w)) continue;
             S += xyz(Rj);
@@ -240,8 +244,8 @@ QV_KERNEL void denoiseCrease(const float4* resid, const float4* noise, const flo
     float3 vm = V / (m * m);
     float3 corr;
     for (int ch = 0; ch < 3; ++ch) {
-        float b2 = std::fmax(mres[ch] * mres[ch] - C.z * vm[ch], 0.0f);
-        corr[ch] = b2 / std::fmax(b2 + vm[ch], 1e-30f) * mres[ch];
+        float b2 = maxFloat(mres[ch] * mres[ch] - C.z * vm[ch], 0.0f);
+        corr[ch] = b2 / maxFloat(b2 + vm[ch], 1e-30f) * mres[ch];
     }
     out[i] = make_float4(xyz(R) - corr, R.w);
 }
@@ -285,15 +289,15 @@ QV_KERNEL void denoiseRestore2(const float4* accum, const float4* resid, const f
                 if (e > Mz[ch] * nq[ch]) {
                     Mr[ch] = e;
                     Mn[ch] = nq[ch];
-                    Mz[ch] = e / std::fmax(nq[ch], 1e-30f);
+                    Mz[ch] = e / maxFloat(nq[ch], 1e-30f);
                 }
             }
         }
         for (int ch = 0; ch < 3; ++ch) {
             float Et = E[ch] - Mr[ch];
             float Nt = N[ch] - Mn[ch];
-            float w = Et > 0 ? clamp01((Et - k * Nt) / std::fmax(Et, 1e-30f)) : 0.0f;
-            wmax = std::fmax(wmax, w);
+            float w = Et > 0 ? clamp01((Et - k * Nt) / maxFloat(Et, 1e-30f)) : 0.0f;
+            wmax = maxFloat(wmax, w);
         }
     }
     float3 xm = xyz(accum[i]) / n;
@@ -307,7 +311,7 @@ QV_KERNEL void denoiseRestore(const float4* accum, const float4* guideB, const f
     const uint32_t W = uint32_t(C.y), H = uint32_t(C.z);
     if (x >= W || y >= H) return;
     size_t i = size_t(y) * W + x;
-    float3 d = xyz(den[i]) / std::fmax(den[i].w, 1e-6f);
+    float3 d = xyz(den[i]) / maxFloat(den[i].w, 1e-6f);
     float n = accum[i].w;
     if (!(n > 0)) {
         out[i] = den[i];
@@ -321,9 +325,9 @@ QV_KERNEL void denoiseRestore(const float4* accum, const float4* guideB, const f
             float nj = accum[j].w;
             if (!(nj > 0)) continue;
             float mx = rec709Luminance(xyz(accum[j]) / nj);
-            float md = rec709Luminance(xyz(den[j]) / std::fmax(den[j].w, 1e-6f));
+            float md = rec709Luminance(xyz(den[j]) / maxFloat(den[j].w, 1e-6f));
             Rs += (mx - md) * (mx - md);
-            Ns += std::fmax(guideB[j].w / nj - mx * mx, 0.0f) / nj;
+            Ns += maxFloat(guideB[j].w / nj - mx * mx, 0.0f) / nj;
         }
     }
     float w = Rs > 0 ? clamp01((Rs - C.x * Ns) / Rs) : 0.0f;

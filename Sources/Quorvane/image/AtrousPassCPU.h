@@ -1,0 +1,33 @@
+#pragma once
+// The a-trous filter pass laid out for CPU vector units. It computes exactly
+// the per-pixel algorithm of denoiseAtrous (shaders/Atrous.h), but over
+// structure-of-arrays planes with the tap loop outside the pixel loop, so each
+// tap is one contiguous run of pixels across a row, and with the five stop
+// weights folded into one exponential:
+//   w = k x 2^(npow log2(n0.nq) - log2(e) (dz/sz + (|dl| + a |dch|)/sL + |du|/sU + dcoh/sW)).
+#include "shaders/Atrous.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace qv {
+
+// Pass-invariant planes of the guide: the unit normal seen as a tap, the
+// normal seen as a centre (divided by the coherence), the coherence
+// min(|n|, 1), the normal power sigmas.y x coherence^16, and the depth.
+struct AtrousGuidePlanes {
+    std::vector<float> nx, ny, nz, cx, cy, cz, coherence, normalPower, depth;
+    void build(const float4* guide, uint32_t width, uint32_t height, float normalSigma);
+};
+
+// Per-pass planes of the source colour.
+struct AtrousColourPlanes {
+    std::vector<float> r, g, b, variance, luminance, ur, ug, ub, pv, sd;
+};
+
+// One pass i (step 2^i): src and guide are the AoS buffers, planes are scratch.
+// Writes dst (irradiance, variance) and noise component 1 - (i & 1).
+void atrousPassCPU(const float4* src, float4* dst, const float4* guide, const AtrousGuidePlanes& guidePlanes,
+                   AtrousColourPlanes& planes, float4* noise, const GPUDenoiseParams& P);
+
+} // namespace qv
