@@ -1,0 +1,171 @@
+#include "image/AtrousDenoiser.h"
+#include "image/AtrousPassCPU.h"
+
+#include "image/SyntheticScene.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace qv {
+namespace {
+
+struct Errors {
+    double all = 0, edges = 0, flat = 0;
+};
+
+// Mean squared error (summed over rgb) of an image against the reference,
+// over all pixels, pixels within 1 pixel of an albedo/normal edge, and the rest.
+template <class Get>
+Errors meanSquaredError(const test::SyntheticScene& scene, const std::vector<float3>& ref, Get get) {
+    Errors e;
+    size_t nEdge = 0, nFlat = 0;
+    for (uint32_t y = 0; y < scene.height; ++y)
+        for (uint32_t x = 0; x < scene.width; ++x) {
+            size_t i = size_t(y) * scene.width + x;
+            float3 d = get(i) - ref[i];
+            double se = double(dot(d, d));
+            e.all += se;
+            if (scene.nearEdge(x, y, 1)) {
+                e.edges += se;
+                ++nEdge;
+            } else {
+                e.flat += se;
+                ++nFlat;
+            }
+        }
+    e.all /= double(scene.width * scene.height);
+    e.edges /= double(nEdge);
+    e.flat /= double(nFlat);
+    return e;
+}
+
+TEST(AtrousDenoiser, ReducesErrorFourfoldAndKeepsEdges) {
+    test::SyntheticScene scene{160, 96};
+    std::vector<float3> ref = scene.reference();
+    test::SampledFrame f = test::sampleScene(scene, 16, 1234);
+    AtrousDenoiser dn{AtrousSettings{}};
+    ASSERT_TRUE(dn.denoise(f.accum.data(), f.guideA.data(), f.guideB.data(), scene.width, scene.height, 16));
+    Errors noisy = meanSquaredError(scene, ref, [&](size_t i) { return xyz(f.accum[i]) / f.accum[i].w; });
+    Errors den = meanSquaredError(scene, ref, [&](size_t i) { return xyz(dn.output()[i]); });
+    // A plain 5 x 5 box blur of the noisy image: what losing the edges costs.
+    auto blurred = [&](size_t i) {
+        int x = int(i % scene.width), y = int(i / scene.width);
+        float3 s{};
+        float n = 0;
+        for (int dy = -2; dy <= 2; ++dy)
+            for (int dx = -2; dx <= 2; ++dx) {
+                int qx = x + dx, qy = y + dy;
+                if (qx < 0 || qy < 0 || qx >= int(scene.width) || qy >= int(scene.height)) continue;
+                const float4& a = f.accum[size_t(qy) * scene.width + size_t(qx)];
+                s += xyz(a) / a.w;
+                n += 1;
+            }
+        return s / n;
+    };
+    Errors blur = meanSquaredError(scene, ref, blurred);
+    std::printf("MSE noisy %.3f denoised %.3f (edges %.3f -> %.3f, blur %.3f; flat %.3f -> %.3f)\n", noisy.all,
+                den.all, noisy.edges, den.edges, blur.edges, noisy.flat, den.flat);
+    EXPECT_LT(den.all * 4, noisy.all);
+    // Near discontinuities the filter must not blur across: less error than the
+    // raw image there, and far less than an edge-blind blur.
+    EXPECT_LT(den.edges, noisy.edges);
+    EXPECT_LT(den.edges * 4, blur.edges);
+}
+
+TEST(AtrousDenoiser, UniformNoiselessImagePassesUnchanged) {
+    const uint32_t W = 24, H = 16, n = 8;
+    std::vector<float4> accum(W * H, float4{0.6f * n, 0.5f * n, 0.4f * n, float(n)});
+    std::vector<float4> guideA(W * H, float4{0.5f * n, 0.5f * n, 0.5f * n, 3.0f * n});
+    float lum = 0.2126f * 0.6f + 0.7152f * 0.5f + 0.0722f * 0.4f;
+    std::vector<float4> guideB(W * H, float4{0, 0, float(n), lum * lum * n});
+    AtrousDenoiser dn{AtrousSettings{}};
+    ASSERT_TRUE(dn.denoise(accum.data(), guideA.data(), guideB.data(), W, H, n));
+    for (size_t i = 0; i < W * H; ++i) {
+        EXPECT_NEAR(dn.output()[i].x, 0.6f, 1e-5f);
+        EXPECT_NEAR(dn.output()[i].y, 0.5f, 1e-5f);
+        EXPECT_NEAR(dn.output()[i].z, 0.4f, 1e-5f);
+        EXPECT_EQ(dn.output()[i].w, 1.0f);
+    }
+}
+
+TEST(AtrousDenoiser, PixelWithoutSamplesKeepsTheFilteredValue) {
+    test::SyntheticScene scene{32, 24};
+    test::SampledFrame f = test::sampleScene(scene, 8, 5);
+    const size_t hole = 10 * 32 + 5;
+    f.accum[hole] = f.guideA[hole] = f.guideB[hole] = float4{};
+    AtrousDenoiser filtered{AtrousSettings::fromValues(nullptr, nullptr, nullptr, "0")};
+    AtrousDenoiser restored{AtrousSettings{}};
+    ASSERT_TRUE(filtered.denoise(f.accum.data(), f.guideA.data(), f.guideB.data(), 32, 24, 8));
+    ASSERT_TRUE(restored.denoise(f.accum.data(), f.guideA.data(), f.guideB.data(), 32, 24, 8));
+    EXPECT_EQ(restored.output()[hole].x, filtered.output()[hole].x);
+    EXPECT_EQ(restored.output()[hole].y, filtered.output()[hole].y);
+    EXPECT_TRUE(std::isfinite(restored.output()[hole].x));
+}
+
+TEST(AtrousDenoiser, VectorisedPassMatchesTheReferenceKernel) {
+    test::SyntheticScene scene{45, 29}; // odd sizes exercise the partial vectors
+    test::SampledFrame f = test::sampleScene(scene, 4, 77);
+    const uint32_t W = scene.width, H = scene.height;
+    size_t count = size_t(W) * H;
+    const float4 settings[][2] = {
+        {float4{4, 64, 0.02f, 0.03f}, float4{0.5f, 0.05f, 2, 0}}, // defaults
+        {float4{4, 64, 0.02f, 0.0f}, float4{0.5f, 0.0f, 2, 0}},   // coherence and chroma stops off
+    };
+    for (const auto& s : settings) {
+        std::vector<float4> colour(count), noise(count), guide(count), albedo(count);
+        GPUDenoiseParams P{uint4{W, H, 1, 0}, s[0], s[1]};
+        for (uint32_t y = 0; y < H; ++y)
+            for (uint32_t x = 0; x < W; ++x)
+                denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(),
+                            guide.data(), albedo.data(), P, x, y);
+        AtrousGuidePlanes gp;
+        gp.build(guide.data(), W, H, s[0].y);
+        AtrousColourPlanes cp;
+        for (uint32_t i = 0; i < 3; ++i) {
+            P.dims.z = 1u << i;
+            P.dims.w = i;
+            std::vector<float4> ref(count), fast(count), noiseRef = noise, noiseFast = noise;
+            for (uint32_t y = 0; y < H; ++y)
+                for (uint32_t x = 0; x < W; ++x)
+                    denoiseAtrous(colour.data(), ref.data(), guide.data(), noiseRef.data(), P, x, y);
+            atrousPassCPU(colour.data(), fast.data(), guide.data(), gp, cp, noiseFast.data(), P);
+            for (size_t j = 0; j < count; ++j) {
+                float tol = 2e-5f * (std::fabs(ref[j].x) + 1e-3f);
+                ASSERT_NEAR(fast[j].x, ref[j].x, tol) << "pass " << i << " pixel " << j;
+                ASSERT_NEAR(fast[j].w, ref[j].w, 2e-5f * (std::fabs(ref[j].w) + 1e-6f)) << "pass " << i;
+                float pvRef = (i & 1) ? noiseRef[j].x : noiseRef[j].y;
+                float pvFast = (i & 1) ? noiseFast[j].x : noiseFast[j].y;
+                ASSERT_NEAR(pvFast, pvRef, 2e-5f * (std::fabs(pvRef) + 1e-6f)) << "pass " << i;
+            }
+            colour = ref;
+            noise = noiseRef;
+        }
+    }
+}
+
+TEST(AtrousSettings, SwitchValues) {
+    AtrousSettings d = AtrousSettings::fromValues(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(d.sigmas.x, 4.0f);
+    EXPECT_EQ(d.sigmas.w, 0.03f);
+    EXPECT_TRUE(d.restoreEnabled());
+    EXPECT_EQ(d.restoreStrength(), 2.0f);
+
+    AtrousSettings three = AtrousSettings::fromValues("8,64,0.02", nullptr, nullptr, nullptr);
+    EXPECT_EQ(three.sigmas.x, 8.0f);
+    EXPECT_EQ(three.sigmas.w, 0.03f);
+    AtrousSettings two = AtrousSettings::fromValues("8,64", "1,2", "1,2,3,4", "x");
+    EXPECT_EQ(two.sigmas.x, 4.0f);
+    EXPECT_EQ(two.chroma.x, 0.5f);
+    EXPECT_EQ(two.crease.x, 0.98f);
+    EXPECT_FALSE(two.restoreK.has_value());
+    AtrousSettings set = AtrousSettings::fromValues("1,2,3,0", "0.1,0,3", "0.9,0.1,5", "0");
+    EXPECT_EQ(set.sigmas.w, 0.0f);
+    EXPECT_EQ(set.chroma.y, 0.0f);
+    EXPECT_EQ(set.crease.z, 5.0f);
+    EXPECT_FALSE(set.restoreEnabled());
+    EXPECT_TRUE(AtrousSettings::fromValues(nullptr, nullptr, nullptr, "3").restoreEnabled());
+}
+
+} // namespace
+} // namespace qv
