@@ -51,7 +51,8 @@ TEST(SkyMap, GeneratorMatchesTheDirectMarchEverywhere) {
                     worst = std::fmax(worst, rel);
                 }
             }
-        EXPECT_LT(worst, 0.01) << "sun elevation " << c.elevation;
+        // The table's bilinear interpolation costs under 0.1% (grazing light rays).
+        EXPECT_LT(worst, 0.005) << "sun elevation " << c.elevation;
     }
 }
 

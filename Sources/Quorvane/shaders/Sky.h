@@ -219,8 +219,8 @@ QV_KERNEL float4 skySunOut(const SkyParams& P) {
 // x_r = rho / Hmax with rho = sqrt(r^2 - RE^2), Hmax = sqrt(RA^2 - RE^2); x_mu
 // runs the distance to the top of the atmosphere from its minimum (straight up)
 // to its maximum (the horizon), so the table ends exactly at the planet's shadow.
-constexpr uint32_t SKY_TLUT_MU = 256;
-constexpr uint32_t SKY_TLUT_H = 64;
+constexpr uint32_t SKY_TLUT_MU = 1024;
+constexpr uint32_t SKY_TLUT_H = 128;
 
 QV_KERNEL float skyHmax() { return std::sqrt((SKY_RA - SKY_RE) * (SKY_RA + SKY_RE)); }
 
