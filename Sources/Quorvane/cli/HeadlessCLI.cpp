@@ -2,6 +2,8 @@
 
 #include "cli/CameraList.h"
 #include "cli/CameraResolve.h"
+#include "cli/StillRender.h"
+#include "image/PNGWriter.h"
 #include "scene/CameraPath.h"
 #include "scene/DefaultSearch.h"
 #include "scene/GLBLoader.h"
@@ -9,6 +11,7 @@
 #include "scene/TextFormat.h"
 
 #include <chrono>
+#include <filesystem>
 #include <cstdio>
 #include <string>
 
@@ -58,10 +61,11 @@ void HeadlessCLI::run(const CLIOptions& options, const LogSink& out) {
     if (rasterQA && options.settings.projection == Projection::equirect)
         throw HeadlessError("--projection equirect is for path-traced stills and paths, not --raster / --parity");
     if (!options.out && !options.benchRaster) throw HeadlessError("--out <png> is required in headless mode");
+    std::filesystem::path outPath;
+    if (options.out) outPath = preflightOutput(*options.out);
 
     // 6. The camera.
     const CameraDef camera = resolveCamera(options, scene);
-    (void)camera;
 
     // 7. The model line.
     out(strprintf("model: %s  (%zu tris, %zu materials, bounds %.2f,%.2f,%.2f .. %.2f,%.2f,%.2f, loaded in %.2fs)",
@@ -70,9 +74,15 @@ void HeadlessCLI::run(const CLIOptions& options, const LogSink& out) {
                   loadSeconds));
     if (model.droppedTriangles > 0)
         out(std::to_string(model.droppedTriangles) + " triangle(s) with bad vertex positions were dropped");
+    for (const std::string& warning : model.warnings) out("warning: " + warning);
 
     if (rasterQA) throw HeadlessError("raster QA runs are not built yet in this version of quorvane");
-    throw HeadlessError("path-traced rendering is not built yet in this version of quorvane");
+
+    // 8-23. The still.
+    StillSession session(options, model, scene, camera, out);
+    StillImage image = session.render(camera);
+    PNGWriter::write(image.rgba, image.width, image.height, outPath);
+    out(strprintf("wrote %s  (total %.2fs)", options.out->c_str(), secondsSince(start)));
 }
 
 } // namespace qv

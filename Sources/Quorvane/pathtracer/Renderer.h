@@ -53,6 +53,8 @@ public:
     const RenderSettings& settings() const { return settings_; }
     // A new copy of the settings; the caller rebuilds what depends on changed fields.
     void setSettings(const RenderSettings& settings);
+    // Changes only how the finished image is exposed: the accumulation stays.
+    void setExposureOverride(std::optional<float> ev100) { settings_.ev100Override = ev100; }
 
     // Fails with RendererError when the frame cannot fit in memory.
     void checkFrameSize(int64_t width, int64_t height) const;
