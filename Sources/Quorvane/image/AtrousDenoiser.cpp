@@ -82,7 +82,7 @@ bool AtrousDenoiser::filter(const float4* accum, const float4* guideA, const flo
         GPUDenoiseParams p = params(1u << i, i);
         const float4* src = (i & 1) ? colourB_.data() : colourA_.data();
         float4* dst = (i & 1) ? colourA_.data() : colourB_.data();
-        atrousPassCPU(src, dst, guide_.data(), *guidePlanes_, *colourPlanes_, noise_.data(), p);
+        atrousPassCPU(src, dst, *guidePlanes_, *colourPlanes_, noise_.data(), p);
     }
     forEachPixel(width, height,
                  [&](uint32_t x, uint32_t y) { denoiseFinish(colourB_.data(), albedo_.data(), out_.data(), prep, x, y); });

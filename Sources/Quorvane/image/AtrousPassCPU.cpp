@@ -83,147 +83,101 @@ QV_ALWAYS_INLINE v8f fastExp2(v8f t) {
     return p * std::bit_cast<v8f>((i + 127) << 23);
 }
 
-struct RowScratch {
-    std::vector<float> n0x, n0y, n0z, coh, npow, invDepth, invSigL, invSigU;
-    std::vector<float> sumR, sumG, sumB, sumVar, sumPv, sumW;
-    explicit RowScratch(uint32_t w) {
-        for (auto* v : {&n0x, &n0y, &n0z, &coh, &npow, &invDepth, &invSigL, &invSigU, &sumR, &sumG,
-                        &sumB, &sumVar, &sumPv, &sumW})
-            v->resize(w + kLanes);
-    }
-};
-
 struct PassContext {
     const float4* src;
     float4* dst;
-    const float4* guide;
     const AtrousGuidePlanes* gp;
     const AtrousColourPlanes* cp;
     float4* noise;
     GPUDenoiseParams P;
 };
 
-// Accumulates one tap (dx, dy) over pixels [x0, x1) of row y.
-template <bool kChroma, bool kCoherence>
-QV_ALWAYS_INLINE void accumulateTap(const PassContext& c, RowScratch& s, uint32_t y, int offset, float k,
-                                    uint32_t x0, uint32_t x1) {
-    const uint32_t W = c.P.dims.x;
-    // Centre pixels start at (x0, y); their taps at the same pixels moved by offset.
-    const size_t row = size_t(y) * W + x0;
-    const size_t tap = size_t(ptrdiff_t(row) + offset);
-    const AtrousGuidePlanes& g = *c.gp;
-    const AtrousColourPlanes& p = *c.cp;
-    const float* __restrict nx = g.nx.data() + tap;
-    const float* __restrict ny = g.ny.data() + tap;
-    const float* __restrict nz = g.nz.data() + tap;
-    const float* __restrict cq = g.coherence.data() + tap;
-    const float* __restrict zq = g.depth.data() + tap;
-    const float* __restrict rq = p.r.data() + tap;
-    const float* __restrict gq = p.g.data() + tap;
-    const float* __restrict bq = p.b.data() + tap;
-    const float* __restrict vq = p.variance.data() + tap;
-    const float* __restrict lq = p.luminance.data() + tap;
-    const float* __restrict urq = p.ur.data() + tap;
-    const float* __restrict ugq = p.ug.data() + tap;
-    const float* __restrict ubq = p.ub.data() + tap;
-    const float* __restrict pvq = p.pv.data() + tap;
-    const float* __restrict r0 = p.r.data() + row;
-    const float* __restrict g0 = p.g.data() + row;
-    const float* __restrict b0 = p.b.data() + row;
-    const float* __restrict l0 = p.luminance.data() + row;
-    const float* __restrict ur0 = p.ur.data() + row;
-    const float* __restrict ug0 = p.ug.data() + row;
-    const float* __restrict ub0 = p.ub.data() + row;
-    const float* __restrict z0 = g.depth.data() + row;
-    float* __restrict sumR = s.sumR.data() + x0;
-    float* __restrict sumG = s.sumG.data() + x0;
-    float* __restrict sumB = s.sumB.data() + x0;
-    float* __restrict sumVar = s.sumVar.data() + x0;
-    float* __restrict sumPv = s.sumPv.data() + x0;
-    float* __restrict sumW = s.sumW.data() + x0;
-    const float chromaX = c.P.chroma.x;
-    const float invSigW = kCoherence ? 1.0f / c.P.sigmas.w : 0.0f;
-    const float* __restrict n0x = s.n0x.data() + x0;
-    const float* __restrict n0y = s.n0y.data() + x0;
-    const float* __restrict n0z = s.n0z.data() + x0;
-    const float* __restrict npowc = s.npow.data() + x0;
-    const float* __restrict invDepth = s.invDepth.data() + x0;
-    const float* __restrict invSigL = s.invSigL.data() + x0;
-    const float* __restrict invSigU = s.invSigU.data() + x0;
-    const float* __restrict coh = s.coh.data() + x0;
-    const uint32_t n = x1 - x0;
-    const v8f lane = v8f{0, 1, 2, 3, 4, 5, 6, 7};
-    // Lanes past the run read padding or the next pixels; their weight is 0.
-    for (uint32_t x = 0; x < n; x += kLanes) {
-        v8f d = load(n0x + x) * load(nx + x) + load(n0y + x) * load(ny + x) + load(n0z + x) * load(nz + x);
-        v8f npow = load(npowc + x);
-        v8f t = npow * fastLog2(vmax(d, splat(1e-30f)));
-        v8f rqv = load(rq + x), gqv = load(gq + x), bqv = load(bq + x);
-        v8f dl = load(l0 + x) - load(lq + x);
-        v8f dr = vabs((load(r0 + x) - rqv) - dl);
-        v8f dg = vabs((load(g0 + x) - gqv) - dl);
-        v8f db = vabs((load(b0 + x) - bqv) - dl);
-        v8f stop = vabs(load(z0 + x) - load(zq + x)) * load(invDepth + x) +
-                   (vabs(dl) + chromaX * vmax(dr, vmax(dg, db))) * load(invSigL + x);
-        if constexpr (kChroma) {
-            v8f du = vmax(vabs(load(ur0 + x) - load(urq + x)),
-                          vmax(vabs(load(ug0 + x) - load(ugq + x)), vabs(load(ub0 + x) - load(ubq + x))));
-            stop += du * load(invSigU + x);
-        }
-        if constexpr (kCoherence) stop += vmax(load(coh + x) - load(cq + x), splat(0.0f)) * invSigW;
-        v8f w = k * fastExp2(t - stop * kLog2e);
-        // pow(0, p) is 0 for p > 0 and 1 for p = 0.
-        auto keep = ((d > 0.0f) | (npow == 0.0f)) & (lane + float(x) < float(n));
-        w = keep ? w : splat(0.0f);
-        store(sumR + x, load(sumR + x) + rqv * w);
-        store(sumG + x, load(sumG + x) + gqv * w);
-        store(sumB + x, load(sumB + x) + bqv * w);
-        store(sumVar + x, load(sumVar + x) + load(vq + x) * w * w);
-        store(sumPv + x, load(sumPv + x) + load(pvq + x) * w);
-        store(sumW + x, load(sumW + x) + w);
-    }
-}
+// Planes carry kPad floats before and after the image, so a vector of taps
+// that hangs over the image's first or last pixel still reads owned memory;
+// such lanes get weight 0.
+constexpr size_t kPad = 48;
+static_assert(kPad >= 2 * 16 + kLanes, "room for the widest step's taps");
 
+// Filters the kLanes pixels starting at (x, y): centre values stay in
+// registers while the 25 taps go by.
 template <bool kChroma, bool kCoherence>
-QV_ALWAYS_INLINE void filterRow(const PassContext& c, RowScratch& s, uint32_t y) {
+QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) {
     const uint32_t W = c.P.dims.x, H = c.P.dims.y;
     const int step = int(c.P.dims.z);
-    const size_t row = size_t(y) * W;
-    const AtrousColourPlanes& p = *c.cp;
     const AtrousGuidePlanes& g = *c.gp;
-    for (uint32_t x = 0; x < W; ++x) {
-        size_t i = row + x;
-        s.n0x[x] = g.cx[i];
-        s.n0y[x] = g.cy[i];
-        s.n0z[x] = g.cz[i];
-        s.coh[x] = g.coherence[i];
-        s.npow[x] = g.normalPower[i];
-        s.invDepth[x] = 1.0f / (c.P.sigmas.z * maxFloat(g.depth[i], 0.1f) * float(step) + 1e-4f);
-        float sd = p.sd[i];
-        float l0 = p.luminance[i];
-        s.invSigL[x] = 1.0f / (c.P.sigmas.x * sd + 0.02f * l0 + 1e-4f);
-        s.invSigU[x] = 1.0f / (c.P.chroma.y + c.P.chroma.z * sd / maxFloat(l0, 1e-6f));
-        s.sumR[x] = s.sumG[x] = s.sumB[x] = s.sumVar[x] = s.sumPv[x] = s.sumW[x] = 0.0f;
-    }
+    const AtrousColourPlanes& p = *c.cp;
+    const float* nxP = g.nx.data() + kPad;
+    const float* nyP = g.ny.data() + kPad;
+    const float* nzP = g.nz.data() + kPad;
+    const float* cohP = g.coherence.data() + kPad;
+    const float* zP = g.depth.data() + kPad;
+    const float* rP = p.r.data() + kPad;
+    const float* gP = p.g.data() + kPad;
+    const float* bP = p.b.data() + kPad;
+    const float* vP = p.variance.data() + kPad;
+    const float* lP = p.luminance.data() + kPad;
+    const float* urP = p.ur.data() + kPad;
+    const float* ugP = p.ug.data() + kPad;
+    const float* ubP = p.ub.data() + kPad;
+    const float* pvP = p.pv.data() + kPad;
+
+    const ptrdiff_t i0 = ptrdiff_t(y) * W + x;
+    const v8f n0x = load(g.cx.data() + kPad + i0), n0y = load(g.cy.data() + kPad + i0),
+              n0z = load(g.cz.data() + kPad + i0);
+    const v8f coh = load(cohP + i0), npow = load(g.normalPower.data() + kPad + i0), z0 = load(zP + i0);
+    const v8f r0 = load(rP + i0), g0 = load(gP + i0), b0 = load(bP + i0), l0 = load(lP + i0);
+    const v8f ur0 = load(urP + i0), ug0 = load(ugP + i0), ub0 = load(ubP + i0);
+    const v8f sd = load(p.sd.data() + kPad + i0);
+    const v8f invDepth = 1.0f / (c.P.sigmas.z * vmax(z0, splat(0.1f)) * float(step) + 1e-4f);
+    const v8f invSigL = 1.0f / (c.P.sigmas.x * sd + 0.02f * l0 + 1e-4f);
+    const v8f invSigU = 1.0f / (c.P.chroma.y + c.P.chroma.z * sd / vmax(l0, splat(1e-6f)));
+    const float chromaX = c.P.chroma.x;
+    const float invSigW = kCoherence ? 1.0f / c.P.sigmas.w : 0.0f;
+    const v8f px = v8f{0, 1, 2, 3, 4, 5, 6, 7} + float(x);
+    const auto npowZero = npow == 0.0f;
+
+    v8f sumR{}, sumG{}, sumB{}, sumVar{}, sumPv{}, sumW{};
     for (int dy = -2; dy <= 2; ++dy) {
         int qy = int(y) + dy * step;
         if (qy < 0 || qy >= int(H)) continue;
+        const float ky = atrousTapWeight(dy);
         for (int dx = -2; dx <= 2; ++dx) {
-            int shift = dx * step;
-            int x0 = shift < 0 ? -shift : 0;
-            int x1 = shift > 0 ? int(W) - shift : int(W);
-            if (x0 >= x1) continue;
-            float k = atrousTapWeight(dx) * atrousTapWeight(dy);
-            accumulateTap<kChroma, kCoherence>(c, s, y, dy * step * int(W) + shift, k, uint32_t(x0), uint32_t(x1));
+            const int shift = dx * step;
+            if (int(x) + shift >= int(W) || int(x) + kLanes - 1 + shift < 0) continue;
+            const ptrdiff_t j = ptrdiff_t(qy) * W + ptrdiff_t(x) + shift;
+            const float k = ky * atrousTapWeight(dx);
+            v8f d = n0x * load(nxP + j) + n0y * load(nyP + j) + n0z * load(nzP + j);
+            v8f t = npow * fastLog2(vmax(d, splat(1e-30f)));
+            v8f rq = load(rP + j), gq = load(gP + j), bq = load(bP + j);
+            v8f dl = l0 - load(lP + j);
+            v8f dch = vmax(vabs((r0 - rq) - dl), vmax(vabs((g0 - gq) - dl), vabs((b0 - bq) - dl)));
+            v8f stop = vabs(z0 - load(zP + j)) * invDepth + (vabs(dl) + chromaX * dch) * invSigL;
+            if constexpr (kChroma) {
+                v8f du = vmax(vabs(ur0 - load(urP + j)), vmax(vabs(ug0 - load(ugP + j)), vabs(ub0 - load(ubP + j))));
+                stop += du * invSigU;
+            }
+            if constexpr (kCoherence) stop += vmax(coh - load(cohP + j), splat(0.0f)) * invSigW;
+            v8f w = k * fastExp2(t - stop * kLog2e);
+            // pow(0, p) is 0 for p > 0 and 1 for p = 0; taps outside the image are skipped.
+            v8f qx = px + float(shift);
+            auto keep = ((d > 0.0f) | npowZero) & (qx >= 0.0f) & (qx < float(W));
+            w = keep ? w : splat(0.0f);
+            sumR += rq * w;
+            sumG += gq * w;
+            sumB += bq * w;
+            sumVar += load(vP + j) * w * w;
+            sumPv += load(pvP + j) * w;
+            sumW += w;
         }
     }
     const bool readFirst = (c.P.dims.w & 1u) == 0;
-    for (uint32_t x = 0; x < W; ++x) {
-        size_t i = row + x;
-        float wsum = s.sumW[x];
+    const uint32_t lanes = W - x < uint32_t(kLanes) ? W - x : uint32_t(kLanes);
+    for (uint32_t l = 0; l < lanes; ++l) {
+        size_t i = size_t(i0) + l;
+        float wsum = sumW[l];
         if (wsum > 0) {
-            c.dst[i] = float4{s.sumR[x] / wsum, s.sumG[x] / wsum, s.sumB[x] / wsum, s.sumVar[x] / (wsum * wsum)};
-            float pv = s.sumPv[x] / wsum;
+            c.dst[i] = float4{sumR[l] / wsum, sumG[l] / wsum, sumB[l] / wsum, sumVar[l] / (wsum * wsum)};
+            float pv = sumPv[l] / wsum;
             if (readFirst) c.noise[i].y = pv; else c.noise[i].x = pv;
         } else {
             c.dst[i] = c.src[i];
@@ -232,74 +186,74 @@ QV_ALWAYS_INLINE void filterRow(const PassContext& c, RowScratch& s, uint32_t y)
     }
 }
 
-QV_VECTOR_CLONES void filterRows(const PassContext& c, RowScratch& s, uint32_t y0, uint32_t y1) {
+QV_VECTOR_CLONES void filterRows(const PassContext& c, uint32_t y0, uint32_t y1) {
     const bool chroma = c.P.chroma.y > 0, coherence = c.P.sigmas.w > 0;
-    for (uint32_t y = y0; y < y1; ++y) {
-        if (chroma && coherence) filterRow<true, true>(c, s, y);
-        else if (chroma) filterRow<true, false>(c, s, y);
-        else if (coherence) filterRow<false, true>(c, s, y);
-        else filterRow<false, false>(c, s, y);
-    }
+    for (uint32_t y = y0; y < y1; ++y)
+        for (uint32_t x = 0; x < c.P.dims.x; x += kLanes) {
+            if (chroma && coherence) filterBlock<true, true>(c, x, y);
+            else if (chroma) filterBlock<true, false>(c, x, y);
+            else if (coherence) filterBlock<false, true>(c, x, y);
+            else filterBlock<false, false>(c, x, y);
+        }
 }
 
 } // namespace
 
 void AtrousGuidePlanes::build(const float4* guide, uint32_t width, uint32_t height, float normalSigma) {
     size_t count = size_t(width) * height;
-    // Vector loads may run up to one vector past the last pixel.
-    for (auto* v : {&nx, &ny, &nz, &cx, &cy, &cz, &coherence, &normalPower, &depth}) v->assign(count + kLanes, 0.0f);
+    for (auto* v : {&nx, &ny, &nz, &cx, &cy, &cz, &coherence, &normalPower, &depth}) v->assign(count + 2 * kPad, 0.0f);
     tbb::parallel_for(tbb::blocked_range<size_t>(0, count, 4096), [&](const tbb::blocked_range<size_t>& r) {
         for (size_t i = r.begin(); i != r.end(); ++i) {
+            const size_t o = i + kPad;
             float gl = length(xyz(guide[i]));
             float inv = 1.0f / maxFloat(gl, 1e-6f);
-            nx[i] = guide[i].x * inv;
-            ny[i] = guide[i].y * inv;
-            nz[i] = guide[i].z * inv;
+            nx[o] = guide[i].x * inv;
+            ny[o] = guide[i].y * inv;
+            nz[o] = guide[i].z * inv;
             float coh = minFloat(gl, 1.0f);
             float invCoh = 1.0f / maxFloat(coh, 1e-6f);
-            cx[i] = guide[i].x * invCoh;
-            cy[i] = guide[i].y * invCoh;
-            cz[i] = guide[i].z * invCoh;
-            coherence[i] = coh;
+            cx[o] = guide[i].x * invCoh;
+            cy[o] = guide[i].y * invCoh;
+            cz[o] = guide[i].z * invCoh;
+            coherence[o] = coh;
             float coh2 = coh * coh, coh4 = coh2 * coh2, coh8 = coh4 * coh4;
-            normalPower[i] = normalSigma * coh8 * coh8;
-            depth[i] = guide[i].w;
+            normalPower[o] = normalSigma * coh8 * coh8;
+            depth[o] = guide[i].w;
         }
     });
 }
 
-void atrousPassCPU(const float4* src, float4* dst, const float4* guide, const AtrousGuidePlanes& guidePlanes,
+void atrousPassCPU(const float4* src, float4* dst, const AtrousGuidePlanes& guidePlanes,
                    AtrousColourPlanes& planes, float4* noise, const GPUDenoiseParams& P) {
     const uint32_t W = P.dims.x, H = P.dims.y;
     const size_t count = size_t(W) * H;
     AtrousColourPlanes& p = planes;
     for (auto* v : {&p.r, &p.g, &p.b, &p.variance, &p.luminance, &p.ur, &p.ug, &p.ub, &p.pv, &p.sd})
-        if (v->size() != count + kLanes) v->assign(count + kLanes, 0.0f);
+        if (v->size() != count + 2 * kPad) v->assign(count + 2 * kPad, 0.0f);
     const bool readFirst = (P.dims.w & 1u) == 0;
     tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 8), [&](const tbb::blocked_range<uint32_t>& rows) {
         for (uint32_t y = rows.begin(); y != rows.end(); ++y)
             for (uint32_t x = 0; x < W; ++x) {
                 size_t i = size_t(y) * W + x;
+                size_t o = i + kPad;
                 float4 c = src[i];
                 float l = rec709Luminance(xyz(c));
                 float inv = 1.0f / maxFloat(l, 1e-6f);
-                p.r[i] = c.x;
-                p.g[i] = c.y;
-                p.b[i] = c.z;
-                p.variance[i] = c.w;
-                p.luminance[i] = l;
-                p.ur[i] = c.x * inv;
-                p.ug[i] = c.y * inv;
-                p.ub[i] = c.z * inv;
-                p.pv[i] = readFirst ? noise[i].x : noise[i].y;
-                p.sd[i] = std::sqrt(maxFloat(prefilteredVariance(src, W, H, int(x), int(y)), 0.0f));
+                p.r[o] = c.x;
+                p.g[o] = c.y;
+                p.b[o] = c.z;
+                p.variance[o] = c.w;
+                p.luminance[o] = l;
+                p.ur[o] = c.x * inv;
+                p.ug[o] = c.y * inv;
+                p.ub[o] = c.z * inv;
+                p.pv[o] = readFirst ? noise[i].x : noise[i].y;
+                p.sd[o] = std::sqrt(maxFloat(prefilteredVariance(src, W, H, int(x), int(y)), 0.0f));
             }
     });
-    PassContext c{src, dst, guide, &guidePlanes, &planes, noise, P};
-    tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 4), [&](const tbb::blocked_range<uint32_t>& rows) {
-        RowScratch scratch(W);
-        filterRows(c, scratch, rows.begin(), rows.end());
-    });
+    PassContext c{src, dst, &guidePlanes, &planes, noise, P};
+    tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 4),
+                      [&](const tbb::blocked_range<uint32_t>& rows) { filterRows(c, rows.begin(), rows.end()); });
 }
 
 } // namespace qv

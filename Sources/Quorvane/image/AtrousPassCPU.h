@@ -25,9 +25,10 @@ struct AtrousColourPlanes {
     std::vector<float> r, g, b, variance, luminance, ur, ug, ub, pv, sd;
 };
 
-// One pass i (step 2^i): src and guide are the AoS buffers, planes are scratch.
+// One pass i (step 2^i): src is the AoS colour buffer, the guide planes are
+// built once per filter, the colour planes are scratch.
 // Writes dst (irradiance, variance) and noise component 1 - (i & 1).
-void atrousPassCPU(const float4* src, float4* dst, const float4* guide, const AtrousGuidePlanes& guidePlanes,
+void atrousPassCPU(const float4* src, float4* dst, const AtrousGuidePlanes& guidePlanes,
                    AtrousColourPlanes& planes, float4* noise, const GPUDenoiseParams& P);
 
 } // namespace qv
