@@ -76,8 +76,18 @@ QV_KERNEL float lightWeight(const GPULight& L, float3 x, float3 n) {
     return L.radiance.w * emit * std::fmin(recv, 1.0f) / std::fmax(d2, r * r);
 }
 
+// cos(max(0, acos(c) - psi)) for psi in [0, pi) given by its cosine and sine,
+// without inverse trigonometry: 1 when psi covers the whole angle, else the
+// cosine of the difference.
+QV_KERNEL float cosReducedAngle(float c, float cosPsi, float sinPsi) {
+    if (c >= cosPsi) return 1.0f;
+    return c * cosPsi + std::sqrt(std::fmax(0.0f, 1.0f - c * c)) * sinPsi;
+}
+
 // Conservative importance of a tree node (Conty and Kulla 2018): zero only
-// when no light below can reach the upper hemisphere of n at x.
+// when no light below can reach the upper hemisphere of n at x. The angle
+// bounds theta_i = max(0, acos(n.w) - theta_u) and theta_e = max(0,
+// acos(-axis.w) - theta_o - theta_u) are evaluated through their cosines.
 QV_KERNEL float nodeImportance(const GPULightNode& N, float3 x, float3 n) {
     float3 bmin = xyz(N.bmin), bmax = xyz(N.bmax);
     float3 c = (bmin + bmax) * 0.5f;
@@ -89,15 +99,21 @@ QV_KERNEL float nodeImportance(const GPULightNode& N, float3 x, float3 n) {
     if (d2 <= r2) return flux / std::fmax(r2, 1e-8f);
     float dist = std::sqrt(d2);
     float3 w = d / dist;
-    float thetaU = std::asin(std::fmin(std::sqrt(r2) / dist, 1.0f));
-    float thetaI = std::fmax(0.0f, std::acos(clampf(dot(n, w), -1.0f, 1.0f)) - thetaU);
-    if (thetaI >= 0.5f * PI) return 0.0f;
-    float importance = flux * std::cos(thetaI) / d2;
+    float sinU = std::fmin(std::sqrt(r2) / dist, 1.0f);
+    float cosU = std::sqrt(std::fmax(0.0f, 1.0f - sinU * sinU));
+    float cosI = cosReducedAngle(clampf(dot(n, w), -1.0f, 1.0f), cosU, sinU);
+    if (cosI <= 0.0f) return 0.0f;
+    float importance = flux * cosI / d2;
     if (N.bmax.w > -1.0f) {
-        float thetaO = std::acos(clampf(N.bmax.w, -1.0f, 1.0f));
-        float thetaE = std::fmax(0.0f, std::acos(clampf(-dot(xyz(N.axis), w), -1.0f, 1.0f)) - thetaO - thetaU);
-        if (thetaE >= 0.5f * PI) return 0.0f;
-        importance *= std::cos(thetaE);
+        float cosO = clampf(N.bmax.w, -1.0f, 1.0f);
+        float sinO = std::sqrt(std::fmax(0.0f, 1.0f - cosO * cosO));
+        // psi = theta_o + theta_u; at pi or more every direction is inside the cone.
+        float cosPsi = cosO * cosU - sinO * sinU;
+        float sinPsi = sinO * cosU + cosO * sinU;
+        if (sinPsi < 0.0f) return importance;
+        float cosE = cosReducedAngle(clampf(-dot(xyz(N.axis), w), -1.0f, 1.0f), cosPsi, sinPsi);
+        if (cosE <= 0.0f) return 0.0f;
+        importance *= cosE;
     }
     return importance;
 }
