@@ -323,9 +323,12 @@ private:
         }
     }
 
-    void widen(float3& lo, float3& hi, float3 p) {
-        lo = min(lo, p);
-        hi = max(hi, p);
+    // Kept vertices are finite, so plain comparisons do (no NaN handling needed).
+    static void widen(float3& lo, float3& hi, float3 p) {
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = p[k] < lo[k] ? p[k] : lo[k];
+            hi[k] = p[k] > hi[k] ? p[k] : hi[k];
+        }
     }
 
     void appendTriangles(const Json& primitive, int64_t n, size_t base, uint32_t material, bool flip, uint16_t roleId,
@@ -341,10 +344,9 @@ private:
         indicesRead_ += count;
         if (count < 3) return;
 
+        // No exact reserve here: many small primitives would then copy the
+        // arrays once each (quadratic); push_back's geometric growth does not.
         const int64_t triangles = count / 3;
-        model_.indices.reserve(model_.indices.size() + size_t(triangles) * 3);
-        model_.triMaterial.reserve(model_.triMaterial.size() + size_t(triangles));
-        model_.triRole.reserve(model_.triRole.size() + size_t(triangles));
         int64_t dropped = 0;
         for (int64_t t = 0; t < triangles; ++t) {
             uint32_t v[3];
