@@ -13,6 +13,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
 #include <cmath>
 #include <mutex>
 #include <system_error>
@@ -128,7 +129,9 @@ VideoWriter::VideoWriter(const fs::path& url, int64_t width, int64_t height, dou
     c->pix_fmt = AV_PIX_FMT_YUV420P;
     c->time_base = av_inv_q(rate);
     c->framerate = rate;
-    c->bit_rate = bitrate_;
+    // x264 and x265 take the rate in whole kbit/s; a tiny video's default
+    // could round to zero, which they refuse.
+    c->bit_rate = std::max<int64_t>(bitrate_, 1000);
     c->gop_size = std::max(1, static_cast<int>(std::lround(2 * fps)));
     c->color_primaries = AVCOL_PRI_BT709;
     c->color_trc = AVCOL_TRC_BT709;
