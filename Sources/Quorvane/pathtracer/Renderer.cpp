@@ -2,6 +2,7 @@
 
 #include "pathtracer/KernelDispatch.h"
 #include "pathtracer/SceneTracer.h"
+#include "scene/EnvSwitches.h"
 #include "scene/SiteLocation.h"
 #include "scene/TextFormat.h"
 
@@ -61,9 +62,13 @@ constexpr int kStatsBins = 4096;
 
 Renderer::Renderer(const RenderSettings& settings, LogSink log) : settings_(settings), log_(std::move(log)) {
     auto t0 = std::chrono::steady_clock::now();
-    energy_ = buildEnergyTables();
+    // The tables depend on nothing but the BSDF: one build serves every renderer of the process.
+    static const EnergyTables tables = buildEnergyTables();
+    energy_ = tables;
     deviceName_ = strprintf("%s (%d threads)", cpuModelName().c_str(), tbb::info::default_concurrency());
     compileSeconds_ = secondsSince(t0);
+    asyncLightGrid_ = EnvSwitches::process().isOn("QV_ASYNC_GRID");
+    clearLightGrid();
 }
 
 Renderer::~Renderer() = default;
@@ -98,8 +103,61 @@ void Renderer::load(const LoadedModel& model, const SceneDescription& scene) {
     if (!textures_->layerOfTexture.empty() && log_)
         log_(strprintf("textures: %d layer(s) at %d x %d px with mips (%.0f MB) in %.2f s", arr.layers, arr.size,
                        arr.size, double(textures_->bytes) / 1e6, secondsSince(t0)));
-    geometry_ = std::make_unique<GeometryBuild>(buildGeometry(model, scene, settings_, *textures_, log_));
+    // A bake still running for the previous geometry is of no use any more.
+    lightGridJob_.reset();
+    geometry_ = std::make_shared<GeometryBuild>(buildGeometry(model, scene, settings_, *textures_, log_));
+    coreBoundsMin_ = model.coreBoundsMin;
+    coreBoundsMax_ = model.coreBoundsMax;
+    buildLightGrid();
     resetAccumulation();
+}
+
+void Renderer::clearLightGrid() {
+    // Placeholders: one element each, never read while mode.z is 0.
+    lightGrid_ = geometry_ ? geometry_->grid : GPULightGridParams{};
+    lightGrid_.mode.z = 0;
+    cellRange_.assign(1, uint4{0, 0, 0, CELL_UNKNOWN});
+    cellEntry_.assign(4, 0u);
+    lightGridSeconds_ = 0;
+}
+
+void Renderer::buildLightGrid() {
+    lightGridJob_.reset();
+    ++lightGridToken_;
+    lightGridInBackground_ = false;
+    clearLightGrid();
+    if (!geometry_ || !wantsLightGrid(*geometry_, settings_)) return;
+    if (asyncLightGrid_) {
+        lightGridInBackground_ = true;
+        lightGridJob_ = std::make_unique<LightGridJob>(geometry_, coreBoundsMin_, coreBoundsMax_, settings_,
+                                                       lightGridToken_);
+        return;
+    }
+    if (std::optional<LightGrid> grid = bakeLightGrid(*geometry_, coreBoundsMin_, coreBoundsMax_, settings_))
+        installLightGrid(std::move(*grid), "");
+}
+
+void Renderer::installLightGrid(LightGrid grid, std::string_view suffix) {
+    if (log_) log_(lightGridSummary(grid, suffix));
+    lightGrid_ = grid.params;
+    cellRange_ = std::move(grid.cellRange);
+    cellEntry_ = std::move(grid.cellEntry);
+    lightGridSeconds_ = grid.seconds;
+}
+
+bool Renderer::installPendingLightGrid() {
+    if (!lightGridJob_) return lightGridInstalled();
+    if (!lightGridJob_->finished()) return false;
+    std::unique_ptr<LightGridJob> job = std::move(lightGridJob_);
+    // A result of an older geometry build is dropped (the tree stays in use).
+    if (job->token() != lightGridToken_) return false;
+    if (std::optional<LightGrid> grid = job->take()) installLightGrid(std::move(*grid), ", in the background");
+    return lightGridInstalled();
+}
+
+bool Renderer::waitForLightGrid(double seconds) {
+    if (lightGridJob_) lightGridJob_->waitFor(seconds);
+    return installPendingLightGrid();
 }
 
 void Renderer::setEnvironment(const EnvironmentPreset& preset, float northDeg) {
@@ -245,8 +303,11 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     s.dfgAvg = energy_.dfgAvg.data();
     s.opUV = g.opUV.data();
     s.dbg = stats_.data();
-    s.grid = g.grid;
+    s.grid = lightGrid_;
     s.grid.mode.x = static_cast<uint32_t>(settings_.neeMode);
+    s.grid.mode.y = settings_.risCandidates;
+    s.cellRange = cellRange_.data();
+    s.cellEntry = cellEntry_.data();
     s.hasGlass = g.glassTriangles > 0;
     s.dbgOn = settings_.debugNeeStats;
 
@@ -268,6 +329,7 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
 }
 
 int64_t Renderer::encodeRows(int64_t rows) {
+    if (lightGridJob_) installPendingLightGrid();
     int64_t done = 0;
     while (rows > 0 && height_ > 0) {
         int64_t n = std::min(height_ - bandRow_, rows);
@@ -285,6 +347,7 @@ int64_t Renderer::encodeRows(int64_t rows) {
 
 int64_t Renderer::encodeSamples(int64_t count) {
     if (count < 1 || height_ <= 0) return 0;
+    if (lightGridJob_) installPendingLightGrid();
     int64_t done = 0;
     if (bandRow_ > 0) {
         done += encodeRows(height_ - bandRow_);
