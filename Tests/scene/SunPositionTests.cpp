@@ -157,6 +157,16 @@ TEST(Calendar, DaysSinceEpochAndJulianDays) {
     EXPECT_DOUBLE_EQ(SolarPosition::julianDay(2024, 2, 29, 0, 0), 2460369.5);
 }
 
+TEST(SolarPosition, AbsurdDatesStayFinite) {
+    const SiteLocation site{45, 10, 1, false};
+    for (int64_t year : {int64_t{1}, int64_t{99999}, INT64_MAX}) {
+        const auto p = SolarPosition::position(year, 12, 31, 720, site);
+        EXPECT_TRUE(std::isfinite(p.azimuthDeg) && std::isfinite(p.elevationDeg)) << year;
+        const auto t = SolarPosition::times(year, 12, 31, site);
+        EXPECT_TRUE(std::isfinite(t.noonMin)) << year;
+    }
+}
+
 TEST(DateClockText, ClockStringRoundsAndWraps) {
     struct Case {
         double minutes;

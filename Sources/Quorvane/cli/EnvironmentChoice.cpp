@@ -21,9 +21,10 @@ std::string sunByDateLine(const CalendarDate& date, double clockMinutes, const S
         how += " from the sun's elevation";
         if (time == TimeOfDay::night) how += " (the moon keeps its place)";
     }
-    return strprintf("sun by date: %04d-%02d-%02d %s (UTC%+.0f) at %.3f, %.3f%s: azimuth %.1f (%s), elevation "
+    return strprintf("sun by date: %04lld-%02lld-%02lld %s (UTC%+.0f) at %.3f, %.3f%s: azimuth %.1f (%s), elevation "
                      "%.1f; sunrise %s, sunset %s; %s",
-                     static_cast<int>(date.year), static_cast<int>(date.month), static_cast<int>(date.day),
+                     static_cast<long long>(date.year), static_cast<long long>(date.month),
+                     static_cast<long long>(date.day),
                      DateClock::clockString(clockMinutes).c_str(), site.utcOffsetHours, site.latitudeDeg,
                      site.longitudeDeg, site.sourceSuffix(), sun.azimuthDeg,
                      SolarPosition::compassPoint(sun.azimuthDeg), sun.elevationDeg,

@@ -35,6 +35,12 @@ std::string clockString(double minutes) {
 namespace SolarPosition {
 
 int64_t daysSinceEpoch(int64_t year, int64_t month, int64_t day) {
+    // Far beyond any real date the calendar means nothing; bounding the fields
+    // keeps the integer arithmetic below from overflowing on absurd input.
+    constexpr int64_t kBound = 1'000'000'000;
+    year = std::clamp(year, -kBound, kBound);
+    month = std::clamp(month, -kBound, kBound);
+    day = std::clamp(day, -kBound, kBound);
     // Carry months outside 1-12 into the year, then count from 1 March so the
     // leap day falls at the end of the counting year (Hinnant's civil algorithm).
     int64_t y = year + floorDiv(month - 1, 12);
