@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
+#include <random>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -160,6 +162,56 @@ TEST(Records, UintBitsSurviveFloatSlots) {
     EXPECT_EQ(asUintBits(light.extra.w), 20u);
     // Every bit pattern, even one that reads as NaN, comes back unchanged.
     EXPECT_EQ(asUintBits(asFloatBits(0xFFFFFFFFu)), 0xFFFFFFFFu);
+}
+
+} // namespace
+} // namespace qv
+
+namespace qv {
+namespace {
+
+// The guided search must return exactly what the plain search returns, for
+// any table (flat runs, zero-probability entries, a last value below 1) and
+// any u, including the ends of the guide's intervals.
+TEST(CdfGuide, GuidedSearchEqualsThePlainSearch) {
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> uni(0.0f, 1.0f);
+    const std::vector<uint32_t> sizes = {1, 2, 3, 17, 64, 65, 1000, 1024};
+    for (uint32_t n : sizes) {
+        for (int variant = 0; variant < 3; ++variant) {
+            std::vector<float> w(n);
+            for (uint32_t i = 0; i < n; ++i) w[i] = (variant == 1 && i % 3 == 0) ? 0.0f : uni(rng);
+            if (variant == 2 && n > 4) std::fill(w.begin(), w.begin() + n / 2, 0.0f);
+            double total = 0;
+            for (float x : w) total += x;
+            std::vector<float> cdf(n);
+            double run = 0;
+            for (uint32_t i = 0; i < n; ++i) {
+                run += w[i];
+                cdf[i] = total > 0 ? float(run / total) : float(i + 1) / float(n);
+            }
+            if (variant == 1) cdf[n - 1] = std::nextafter(1.0f, 0.0f); // rounding left the end short of 1
+            std::vector<uint32_t> guide(CDF_GUIDE_N + 1);
+            buildCdfGuide(cdf.data(), n, guide.data());
+            std::vector<float> us;
+            for (uint32_t k = 0; k <= CDF_GUIDE_N; ++k) {
+                float level = float(k) / float(CDF_GUIDE_N);
+                us.push_back(level);
+                us.push_back(std::nextafter(level, 0.0f));
+            }
+            for (float c : cdf) {
+                us.push_back(c);
+                us.push_back(std::nextafter(c, 0.0f));
+            }
+            for (int i = 0; i < 2000; ++i) us.push_back(uni(rng));
+            us.push_back(0.99999994f);
+            for (float u : us) {
+                if (!(u >= 0.0f && u < 1.0f)) continue;
+                ASSERT_EQ(searchCdfGuided(cdf.data(), n, u, guide.data()), searchCdf(cdf.data(), n, u))
+                    << "n " << n << " variant " << variant << " u " << u;
+            }
+        }
+    }
 }
 
 } // namespace

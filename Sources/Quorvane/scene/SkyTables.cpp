@@ -1,5 +1,7 @@
 #include "scene/SkyTables.h"
 
+#include "shaders/KernelHelpers.h"
+
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
@@ -73,6 +75,12 @@ SkyTables SkyTables::build(const float4* env, uint32_t W, uint32_t H) {
         const size_t upper = n / 2;
         for (size_t i = 0; i < upper; ++i) t.pdf[i] = float(area / double(upper));
     }
+    t.rowGuide.assign(CDF_GUIDE_N + 1, 0u);
+    buildCdfGuide(t.rowCdf.data(), H, t.rowGuide.data());
+    t.colGuide.assign(size_t(H) * (CDF_GUIDE_N + 1), 0u);
+    tbb::parallel_for(uint32_t(0), H, [&](uint32_t y) {
+        buildCdfGuide(&t.colCdf[size_t(y) * W], W, &t.colGuide[size_t(y) * (CDF_GUIDE_N + 1)]);
+    });
     return t;
 }
 

@@ -15,6 +15,8 @@ struct SkyTables {
     std::vector<float> colCdf; // H x W, per row the cumulative column probabilities, each row ending at 1
     std::vector<float> pdf;    // W x H, density per unit (theta, phi) area times sin(theta): the solid-angle
                                // density of a direction in texel i is pdf[i] / sin(theta)
+    std::vector<uint32_t> rowGuide; // CDF_GUIDE_N + 1 search guides of rowCdf
+    std::vector<uint32_t> colGuide; // H x (CDF_GUIDE_N + 1) search guides, one set per row of colCdf
 
     // Builds the tables from a W x H radiance map (rgb used, w ignored), sums in
     // double precision, rows in parallel (oneTBB). A black sky gives uniform

@@ -115,6 +115,37 @@ QV_KERNEL uint32_t searchCdf(const float* cdf, uint32_t n, float u) {
     return lo;
 }
 
+// A guide to a cumulative table: entry k (0..CDF_GUIDE_N) is the first index
+// whose value exceeds k / CDF_GUIDE_N (n - 1 when none does). A search for u
+// then only looks between the entries of floor(u CDF_GUIDE_N) and the next,
+// and returns exactly what searchCdf returns over the whole table.
+constexpr uint32_t CDF_GUIDE_N = 64;
+
+QV_KERNEL void buildCdfGuide(const float* cdf, uint32_t n, uint32_t* guide) {
+    uint32_t i = 0;
+    for (uint32_t k = 0; k <= CDF_GUIDE_N; ++k) {
+        float level = float(k) / float(CDF_GUIDE_N);
+        while (i < n - 1u && !(cdf[i] > level)) ++i;
+        guide[k] = i;
+    }
+}
+
+QV_KERNEL uint32_t searchCdfGuided(const float* cdf, uint32_t n, float u, const uint32_t* guide) {
+    float scaled = u * float(CDF_GUIDE_N);
+    uint32_t k = scaled >= float(CDF_GUIDE_N) ? CDF_GUIDE_N - 1u : (scaled > 0.0f ? uint32_t(scaled) : 0u);
+    uint32_t lo = guide[k];
+    uint32_t hi = guide[k + 1u];
+    if (hi > n - 1u) hi = n - 1u;
+    if (lo > hi) lo = hi;
+    uint32_t len = hi - lo + 1u;
+    while (len > 1u) {
+        uint32_t half = len / 2u;
+        lo = cdf[lo + half - 1u] > u ? lo : lo + half;
+        len -= half;
+    }
+    return lo;
+}
+
 // Atomic increment of a stats counter shared by all pixels.
 QV_KERNEL void atomicAddCounter(uint32_t* counter, uint32_t v) {
 #if defined(__CUDACC__)

@@ -228,7 +228,8 @@ QV_KERNEL void frostedNee(const KernelContext<Tracer>& k, const PathSwitches& sw
     }
     if (sw.skyNee) {
         float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-        SkySample ss = sampleSky(s.skyRowCdf, s.skyColCdf, s.skyPdf, u.counts.z, u.counts.w, r);
+        SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, u.counts.z,
+                                       u.counts.w, r);
         if (ss.pdf > 0.0f) {
             float3 l = toLocal(frame, ss.dir);
             BSDFEval e = frostedEval(v, l, alpha, eta, tint);
@@ -289,7 +290,8 @@ QV_KERNEL void surfaceNee(const KernelContext<Tracer>& k, const PathSwitches& sw
     }
     if (sw.skyNee) {
         float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-        SkySample ss = sampleSky(s.skyRowCdf, s.skyColCdf, s.skyPdf, u.counts.z, u.counts.w, r);
+        SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, u.counts.z,
+                                       u.counts.w, r);
         if (ss.pdf > 0.0f && dot(ss.dir, ng) > 0.0f) {
             float3 l = toLocal(frame, ss.dir);
             BSDFEval e = bsdfEval(b, v, l);

@@ -208,6 +208,8 @@ struct SceneData {
     const float* skyRowCdf = nullptr;       // H
     const float* skyColCdf = nullptr;       // H x W
     const float* skyPdf = nullptr;          // W x H, density per unit (theta, phi) times sin(theta)
+    const uint32_t* skyRowGuide = nullptr;  // CDF_GUIDE_N + 1 search guides of skyRowCdf
+    const uint32_t* skyColGuide = nullptr;  // H x (CDF_GUIDE_N + 1) search guides of skyColCdf
     const GPULightNode* nodes = nullptr;
     const float2* dfg = nullptr;            // DFG_N x DFG_N (T1, T2)
     const float4* dfgAvg = nullptr;         // DFG_N average-albedo coefficients

@@ -401,12 +401,8 @@ struct SkySample {
     float pdf = 0; // solid-angle density (1/sr); 0 = no sample
 };
 
-// Picks a row, then a column, by the cumulative tables, then a point uniform in
-// (theta, phi) within the texel; four uniform numbers.
-QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const float* skyPdf, uint32_t W, uint32_t H,
-                              float4 u) {
-    uint32_t row = searchCdf(rowCdf, H, u.x);
-    uint32_t col = searchCdf(colCdf + size_t(row) * W, W, u.y);
+// A point uniform in (theta, phi) within texel (col, row), with its density.
+QV_KERNEL SkySample skySampleTexel(const float* skyPdf, uint32_t W, uint32_t H, uint32_t row, uint32_t col, float4 u) {
     float phi = (float(col) + u.z) * TWO_PI / float(W);
     float theta = (float(row) + u.w) * PI / float(H);
     float st = std::sin(theta);
@@ -414,6 +410,26 @@ QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const fl
     s.dir = float3{st * std::cos(phi), std::cos(theta), st * std::sin(phi)};
     s.pdf = st <= 1e-6f ? 0.0f : skyPdf[size_t(row) * W + col] / st;
     return s;
+}
+
+// Picks a row, then a column, by the cumulative tables, then a point uniform in
+// (theta, phi) within the texel; four uniform numbers.
+QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const float* skyPdf, uint32_t W, uint32_t H,
+                              float4 u) {
+    uint32_t row = searchCdf(rowCdf, H, u.x);
+    uint32_t col = searchCdf(colCdf + size_t(row) * W, W, u.y);
+    return skySampleTexel(skyPdf, W, H, row, col, u);
+}
+
+// The same choice through the tables' search guides (CDF_GUIDE_N + 1 entries
+// for the rows, as many per row for the columns): identical results, a
+// fraction of the memory traffic.
+QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
+                                    const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
+                                    float4 u) {
+    uint32_t row = searchCdfGuided(rowCdf, H, u.x, rowGuide);
+    uint32_t col = searchCdfGuided(colCdf + size_t(row) * W, W, u.y, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
+    return skySampleTexel(skyPdf, W, H, row, col, u);
 }
 
 } // namespace qv
