@@ -21,6 +21,13 @@ std::string WhiteBalance::description(std::optional<float3> gains) const {
     return {};
 }
 
+WhiteBalance whiteBalanceInForce(const std::optional<WhiteBalance>& overrideWB,
+                                 const std::optional<WhiteBalance>& cameraWB, const WhiteBalance& presetWB) {
+    if (overrideWB) return *overrideWB;
+    if (cameraWB) return *cameraWB;
+    return presetWB;
+}
+
 DefaultWhiteBalance defaultWhiteBalance(const CameraDef* camera, TimeOfDay time, bool interior,
                                         const RenderDefaults* renderDefaults) {
     // A camera's look belongs to its own time of day (or to every time when it names none).

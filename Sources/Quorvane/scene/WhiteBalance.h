@@ -32,13 +32,8 @@ struct WhiteBalance {
 
 // The balance in force: the --wb override, else the camera's default, else the
 // preset's own.
-inline WhiteBalance whiteBalanceInForce(const std::optional<WhiteBalance>& overrideWB,
-                                        const std::optional<WhiteBalance>& cameraWB,
-                                        const WhiteBalance& presetWB) {
-    if (overrideWB) return *overrideWB;
-    if (cameraWB) return *cameraWB;
-    return presetWB;
-}
+WhiteBalance whiteBalanceInForce(const std::optional<WhiteBalance>& overrideWB,
+                                 const std::optional<WhiteBalance>& cameraWB, const WhiteBalance& presetWB);
 
 struct CameraDef;
 struct RenderDefaults;
