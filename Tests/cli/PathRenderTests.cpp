@@ -378,6 +378,15 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
     const Args args = {"--path", "p.json", "--frames-dir", frames.string(), "--video-denoise", "off"};
     const CLIOptions options = test::parseArgs(args);
 
+    // Each frame's PNG bytes, made before any child runs.
+    std::vector<std::string> encoded;
+    for (int64_t i = 0; i < kFrames; ++i) {
+        const fs::path src = dir.path() / "src.png";
+        PNGWriter::write(framePixels(i), kFrameW, kFrameH, src);
+        std::ifstream in(src, std::ios::binary);
+        encoded.emplace_back((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+
     auto child = [&] {
         PathRenderHooks hooks;
         hooks.renderFrame = [&](const PathFrame& frame) -> int64_t {
@@ -385,15 +394,11 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
                 std::ofstream(log, std::ios::app) << frame.index << "\n";
             }
             // Written slowly and directly, so that kills land inside a frame's bytes.
-            fs::path tmp = frame.partialPng.string() + ".src.png";
-            PNGWriter::write(framePixels(frame.index), kFrameW, kFrameH, tmp);
-            std::ifstream in(tmp, std::ios::binary);
-            std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-            fs::remove(tmp);
+            const std::string& bytes = encoded.at(size_t(frame.index));
             std::ofstream outFile(frame.partialPng, std::ios::binary);
             outFile.write(bytes.data(), std::streamsize(bytes.size() / 2));
             outFile.flush();
-            ::usleep(700);
+            ::usleep(1500);
             outFile.write(bytes.data() + bytes.size() / 2, std::streamsize(bytes.size() - bytes.size() / 2));
             return 1;
         };
@@ -416,10 +421,11 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
             ::_exit(0);
         }
         seed = seed * 1664525u + 1013904223u;
-        ::usleep(300 + (seed >> 8) % 8000);
-        if (::kill(pid, SIGKILL) == 0) ++kills;
+        ::usleep(300 + (seed >> 8) % 5000);
+        ::kill(pid, SIGKILL);
         int status = 0;
         ::waitpid(pid, &status, 0);
+        if (WIFSIGNALED(status)) ++kills;
         done = WIFEXITED(status) && WEXITSTATUS(status) == 0;
         ASSERT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) != 0) << "the child failed";
         if (!done) {
