@@ -3,6 +3,7 @@
 
 #include <embree3/rtcore.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -189,6 +190,22 @@ bool RayQuery::occluded(const Ray& r) const {
     rtcOccluded1(impl_->scene, &context, &ray);
     // Embree marks a blocked ray by setting tfar to -infinity.
     return ray.tfar < 0 && std::isinf(ray.tfar);
+}
+
+void RayQuery::occluded(std::span<const Ray> rays, std::span<uint8_t> blocked) const {
+    constexpr size_t kChunk = 64;
+    RTCRay chunk[kChunk];
+    RTCIntersectContext context;
+    rtcInitIntersectContext(&context);
+    context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+    const size_t n = std::min(rays.size(), blocked.size());
+    for (size_t first = 0; first < n; first += kChunk) {
+        const size_t m = std::min(kChunk, n - first);
+        for (size_t i = 0; i < m; ++i) chunk[i] = makeRay(rays[first + i]);
+        rtcOccluded1M(impl_->scene, &context, chunk, static_cast<unsigned>(m), sizeof(RTCRay));
+        for (size_t i = 0; i < m; ++i)
+            blocked[first + i] = chunk[i].tfar < 0 && std::isinf(chunk[i].tfar) ? 1 : 0;
+    }
 }
 
 size_t RayQuery::triangleCount() const { return impl_->firstTriangle.back(); }

@@ -5,7 +5,9 @@
 // all cores, one whole sample (or one band of rows) at a time.
 #include "pathtracer/EnergyTables.h"
 #include "pathtracer/GeometryBuild.h"
+#include "pathtracer/LightGrid.h"
 #include "pathtracer/RenderSettings.h"
+#include "pathtracer/RendererError.h"
 #include "scene/EnvironmentPreset.h"
 #include "scene/LoadedModel.h"
 #include "scene/LogSink.h"
@@ -21,14 +23,10 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qv {
-
-class RendererError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 struct RadianceStats {
     double mean = 0;          // cd/m2
@@ -58,8 +56,31 @@ public:
 
     // Fails with RendererError when the frame cannot fit in memory.
     void checkFrameSize(int64_t width, int64_t height) const;
-    // Textures, geometry and lights; resets the accumulation.
+    // Textures, geometry, lights and the light-visibility grid; resets the accumulation.
     void load(const LoadedModel& model, const SceneDescription& scene);
+
+    // Light-visibility grid. Built at the end of every load (and by
+    // buildLightGrid) when the NEE mode uses cells; until a grid is installed
+    // every vertex chooses lamps through the tree, which is unbiased.
+    // Bake the grid on a thread of its own (QV_ASYNC_GRID=1 sets it at start).
+    void setAsyncLightGrid(bool async) { asyncLightGrid_ = async; }
+    bool asyncLightGrid() const { return asyncLightGrid_; }
+    // Rebuilds the grid for the current geometry and settings: in place, or
+    // started in the background with asyncLightGrid. Throws RendererError.
+    void buildLightGrid();
+    // Whether the last grid build runs (or ran) in the background.
+    bool lightGridInBackground() const { return lightGridInBackground_; }
+    // Installs a finished background bake of the current geometry and logs
+    // its line; true when the current build's grid is in place (installed
+    // now or before). Rethrows a failed bake's RendererError.
+    bool installPendingLightGrid();
+    // Waits up to `seconds` for a background bake, then installs it; true when installed.
+    bool waitForLightGrid(double seconds);
+    bool lightGridInstalled() const { return lightGrid_.mode.z != 0; }
+    const GPULightGridParams& lightGrid() const { return lightGrid_; }
+    const std::vector<uint4>& cellRange() const { return cellRange_; }
+    const std::vector<uint32_t>& cellEntry() const { return cellEntry_; }
+    double lightGridSeconds() const { return lightGridSeconds_; }
     // Sky map, sun and sky sampling tables; resets the accumulation.
     void setEnvironment(const EnvironmentPreset& preset, float northDeg);
     void setCamera(const CameraDef& camera);
@@ -107,6 +128,8 @@ public:
 
 private:
     void dispatchRows(int64_t firstRow, int64_t rows);
+    void clearLightGrid();
+    void installLightGrid(LightGrid grid, std::string_view suffix);
 
     RenderSettings settings_;
     LogSink log_;
@@ -114,9 +137,19 @@ private:
     double compileSeconds_ = 0;
     EnergyTables energy_;
 
-    std::unique_ptr<GeometryBuild> geometry_;
+    std::shared_ptr<GeometryBuild> geometry_; // shared with a background grid bake
+    float3 coreBoundsMin_{}, coreBoundsMax_{};   // of the loaded model
     std::unique_ptr<TextureSet> textures_;
     std::vector<uint64_t> textureLevelOffsets_;
+
+    GPULightGridParams lightGrid_{};          // mode.z = 0 until a grid is installed
+    std::vector<uint4> cellRange_;
+    std::vector<uint32_t> cellEntry_;
+    double lightGridSeconds_ = 0;
+    bool asyncLightGrid_ = false;
+    bool lightGridInBackground_ = false;
+    uint64_t lightGridToken_ = 0;             // the geometry build a bake result must belong to
+    std::unique_ptr<LightGridJob> lightGridJob_;
 
     EnvironmentPreset environment_;
     SkyMap sky_;

@@ -6,6 +6,10 @@
 #include "pathtracer/RayQuery.h"
 #include "shaders/LightSampling.h"
 
+#include <algorithm>
+#include <cmath>
+#include <span>
+
 namespace qv {
 
 class SceneTracer {
@@ -26,7 +30,29 @@ public:
         return op_->occluded(ray);
     }
 
+    // The light grid's bake: many shadow rays of one cell at once; blocked[i] = 1 when ray i is occluded.
+    void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const {
+        if (!op_) {
+            for (uint32_t i = 0; i < n; ++i) blocked[i] = 0;
+            return;
+        }
+        Ray batch[kLightBakeBatch];
+        for (uint32_t first = 0; first < n; first += kLightBakeBatch) {
+            const uint32_t m = std::min(kLightBakeBatch, n - first);
+            for (uint32_t i = 0; i < m; ++i) {
+                const KernelRay& r = rays[first + i];
+                batch[i] = Ray{r.o, r.d, 0.0f, std::fmax(r.tmax, 0.0f), kRayMaskAll};
+            }
+            op_->occluded(std::span<const Ray>(batch, m), std::span<uint8_t>(blocked + first, m));
+            // An empty segment is never blocked, as in opaqueOccluded.
+            for (uint32_t i = 0; i < m; ++i)
+                if (!(rays[first + i].tmax > 0.0f)) blocked[first + i] = 0;
+        }
+    }
+
 private:
+    static constexpr uint32_t kLightBakeBatch = 256;
+
     static KernelHit query(const RayQuery* as, float3 o, float3 d, float tmin, float tmax, uint32_t mask) {
         KernelHit h;
         if (!as || !(tmax > tmin)) return h;

@@ -14,6 +14,9 @@
 //   KernelHit aux(float3 o, float3 d, float tmax) const;           nearest glass or fitting hit in (0, tmax)
 //   KernelHit glass(float3 o, float3 d, float tmin, float tmax) const; nearest glass hit in (tmin, tmax)
 //   bool opaqueOccluded(float3 o, float3 d, float tmax) const;     any opaque hit in (0, tmax)
+// and, for the light grid's bake (shaders/LightGrid.h),
+//   void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const;
+//                                                                  opaqueOccluded of n rays at once
 #include "shaders/BSDF.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
@@ -36,6 +39,13 @@ struct KernelHit {
     float u = 0, v = 0;
 };
 QV_KERNEL bool isHit(const KernelHit& h) { return h.prim != KERNEL_NO_HIT; }
+
+// A shadow-ray segment from o along unit d up to tmax (m).
+struct KernelRay {
+    float3 o;
+    float3 d;
+    float tmax = 0;
+};
 
 struct LightSample {
     float3 dir;    // unit direction from the shading point to the sampled point
@@ -458,9 +468,9 @@ QV_KERNEL EmissiveSample sampleEmissive(const SceneData& s, uint32_t count, floa
 // Transmittance of the segment from o along unit d up to tmax: 0 behind any
 // opaque surface or a frosted pane, the Fresnel-weighted tints of the clear
 // panes crossed otherwise.
+// The glass part alone: for a segment already known to miss opaque geometry.
 template <class Tracer>
-QV_KERNEL float3 shadowTransmittance(const SceneData& s, const Tracer& tr, float3 o, float3 d, float tmax) {
-    if (tr.opaqueOccluded(o, d, tmax)) return float3{};
+QV_KERNEL float3 glassTransmittance(const SceneData& s, const Tracer& tr, float3 o, float3 d, float tmax) {
     float3 T{1.0f, 1.0f, 1.0f};
     if (!s.hasGlass) return T;
     float t0 = 0.0f;
@@ -477,6 +487,12 @@ QV_KERNEL float3 shadowTransmittance(const SceneData& s, const Tracer& tr, float
         t0 = h.t + std::fmax(1e-5f, h.t * 2e-6f);
     }
     return T;
+}
+
+template <class Tracer>
+QV_KERNEL float3 shadowTransmittance(const SceneData& s, const Tracer& tr, float3 o, float3 d, float tmax) {
+    if (tr.opaqueOccluded(o, d, tmax)) return float3{};
+    return glassTransmittance(s, tr, o, d, tmax);
 }
 
 } // namespace qv

@@ -54,6 +54,10 @@ QV_KERNEL float3& operator*=(float3& a, float3 b) { return a = a * b; }
 QV_KERNEL float3& operator*=(float3& a, float s) { return a = a * s; }
 QV_KERNEL bool operator==(float3 a, float3 b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 QV_KERNEL bool operator!=(float3 a, float3 b) { return !(a == b); }
+QV_KERNEL bool operator==(float4 a, float4 b) { return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w; }
+QV_KERNEL bool operator!=(float4 a, float4 b) { return !(a == b); }
+QV_KERNEL bool operator==(uint4 a, uint4 b) { return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w; }
+QV_KERNEL bool operator!=(uint4 a, uint4 b) { return !(a == b); }
 
 QV_KERNEL float dot(float3 a, float3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
 QV_KERNEL float3 cross(float3 a, float3 b) {

@@ -1,0 +1,192 @@
+#pragma once
+// The light-visibility grid's bake: for one random point in one cell, which
+// lamps (and whether any emissive surface) an unoccluded shadow ray reaches.
+// Summed over R points per cell, the counts give each lamp's visible fraction
+// from the cell, from which the host packs the cell lists that
+// chooseLight reads (shaders/LightSampling.h).
+//
+// One invocation per (sample point k, cell of the slice). The counters of a
+// slice are shared by the invocations of a cell and incremented atomically
+// (relaxed), so the sums do not depend on the order of the invocations.
+#include "shaders/KernelHelpers.h"
+#include "shaders/KernelPortability.h"
+#include "shaders/LightSampling.h"
+#include "shaders/Random.h"
+#include "shaders/Records.h"
+#include "shaders/VecMath.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace qv {
+
+// Parameters of one bake dispatch over a slice of consecutive cells.
+struct GPULightBakeParams {
+    uint4 range; // x first cell of the slice; y cells in the slice; z sample points per cell R; w slots = lights + 1
+    uint4 info;  // x light count baked; y emissive triangle count; z seed; w unused
+};
+static_assert(std::is_standard_layout_v<GPULightBakeParams> && std::is_trivially_copyable_v<GPULightBakeParams>);
+static_assert(sizeof(GPULightBakeParams) == 32 && offsetof(GPULightBakeParams, info) == 16);
+
+// How far the inside-solid test ray looks (m): beyond the largest house.
+constexpr float LIGHT_BAKE_SOLID_RAY = 1e4f;
+
+// Strata per axis for R points: the first sd^3 points are jittered strata of
+// the cell, the rest uniformly random.
+QV_KERNEL uint32_t lightBakeStrata(uint32_t R) {
+    return R >= 64u ? 4u : R >= 27u ? 3u : R >= 8u ? 2u : 1u;
+}
+
+// The k-th sample point of cell ci, with `seed` left at the point's stream.
+QV_KERNEL float3 lightBakePoint(const GPULightGridParams& g, uint32_t ci, uint32_t k, uint32_t R, uint32_t& seed) {
+    const uint32_t nx = g.dims.x, ny = g.dims.y;
+    float3 cell{float(ci % nx), float((ci / nx) % ny), float(ci / (nx * ny))};
+    const float h = g.origin.w;
+    float3 j{rnd(seed), rnd(seed), rnd(seed)};
+    const uint32_t sd = lightBakeStrata(R);
+    if (k < sd * sd * sd) {
+        float3 stratum{float(k % sd), float((k / sd) % sd), float(k / (sd * sd))};
+        j = (stratum + j) / float(sd);
+    }
+    return xyz(g.origin) + (cell + j) * h;
+}
+
+// Whether p lies inside a solid: a ray in a uniformly random direction whose
+// nearest opaque hit is the back of a triangle (winding normal along the ray)
+// started behind that surface.
+template <class Tracer>
+QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3 p, uint32_t& seed) {
+    float z = 1.0f - 2.0f * rnd(seed);
+    float phi = TWO_PI * rnd(seed);
+    float r = std::sqrt(std::fmax(0.0f, 1.0f - z * z));
+    float3 d{r * std::cos(phi), r * std::sin(phi), z};
+    KernelHit h = tr.opaque(p, d, LIGHT_BAKE_SOLID_RAY);
+    if (!isHit(h)) return false;
+    const uint32_t* idx = s.opIdx + size_t(h.prim) * 3u;
+    float3 p0 = s.opPos[idx[0]], p1 = s.opPos[idx[1]], p2 = s.opPos[idx[2]];
+    return dot(cross(p1 - p0, p2 - p0), d) > 0.0f;
+}
+
+QV_KERNEL bool anyPositive(float3 t) { return t.x > 0.0f || t.y > 0.0f || t.z > 0.0f; }
+
+// Whether sampleLight(L, p, u) fails for every u because p lies behind the
+// whole of a one-sided emitter: (p - y) . n < 0 for every emitter point y,
+// with a millimetre to spare for rounding. A point within the emitter's
+// reach of its plane is left to sampleLight.
+QV_KERNEL bool lightBakeBehind(const GPULight& L, float3 p) {
+    const int type = lightType(L);
+    if (type == 1) return false;
+    const float3 n = lightNormal(L);
+    float reach = std::fabs(dot(xyz(L.uArea), n)) + std::fabs(dot(xyz(L.vExp), n));
+    if (type == 0) reach *= L.normalRadius.w;
+    return dot(p - lightCentre(L), n) + reach < -1e-3f;
+}
+
+// One bake invocation. `vis` holds (cells in the slice) x slots counters: the
+// unoccluded rays to each lamp, then in the last slot those to an emissive
+// point; `valid` one counter per cell of the slice: its points in free space.
+// The scene's grid parameters give the grid's origin, cell size and dims.
+template <class Tracer>
+QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULightBakeParams& bp, uint32_t k,
+                             uint32_t localCell, uint32_t* vis, uint32_t* valid) {
+    const uint32_t R = bp.range.z, slots = bp.range.w;
+    if (k >= R || localCell >= bp.range.y) return;
+    const uint32_t ci = bp.range.x + localCell;
+    if (ci >= s.grid.dims.w) return;
+
+    uint32_t seed = pcgHash(ci * 7919u + pcgHash(k * 0x9E3779B9u + bp.info.z));
+    const float3 p = lightBakePoint(s.grid, ci, k, R, seed);
+    if (lightBakeInsideSolid(s, tr, p, seed)) return;
+    atomicAddCounter(&valid[localCell], 1u);
+
+    uint32_t* row = vis + size_t(localCell) * slots;
+    const uint32_t lightCount = bp.info.x;
+    for (uint32_t li = 0; li < lightCount; ++li) {
+        float2 u{rnd(seed), rnd(seed)};
+        LightSample ls = sampleLight(s.lights[li], p, u);
+        if (!isValid(ls)) continue;
+        float tmax = std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f);
+        if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, tmax))) atomicAddCounter(&row[li], 1u);
+    }
+
+    const uint32_t emCount = bp.info.y;
+    if (emCount > 0u) {
+        float3 u{rnd(seed), rnd(seed), rnd(seed)};
+        EmissiveSample es = sampleEmissive(s, emCount, p, u);
+        if (es.pdf > 0.0f && es.dist > 1e-5f &&
+            anyPositive(shadowTransmittance(s, tr, p, es.dir, es.dist * 0.999f)))
+            atomicAddCounter(&row[lightCount], 1u);
+    }
+}
+
+constexpr uint32_t LIGHT_BAKE_MAX_POINTS = 255;
+
+// All R points of one cell in one invocation, for processors that trace rays
+// faster in bundles: the same counts as R invocations of lightGridBake (every
+// point draws the same random numbers in the same order), but the shadow rays
+// of all points toward one lamp go to the tracer together
+// (opaqueOccludedMany), and a cell's counters have a single writer.
+template <class Tracer>
+QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPULightBakeParams& bp,
+                                 uint32_t localCell, uint32_t* vis, uint32_t* valid) {
+    const uint32_t R = bp.range.z < LIGHT_BAKE_MAX_POINTS ? bp.range.z : LIGHT_BAKE_MAX_POINTS;
+    const uint32_t slots = bp.range.w;
+    if (localCell >= bp.range.y) return;
+    const uint32_t ci = bp.range.x + localCell;
+    if (ci >= s.grid.dims.w) return;
+
+    // The points in free space, each with its random stream.
+    uint32_t seeds[LIGHT_BAKE_MAX_POINTS];
+    float3 points[LIGHT_BAKE_MAX_POINTS];
+    uint32_t live = 0;
+    for (uint32_t k = 0; k < R; ++k) {
+        uint32_t seed = pcgHash(ci * 7919u + pcgHash(k * 0x9E3779B9u + bp.info.z));
+        const float3 p = lightBakePoint(s.grid, ci, k, R, seed);
+        if (lightBakeInsideSolid(s, tr, p, seed)) continue;
+        seeds[live] = seed;
+        points[live] = p;
+        ++live;
+    }
+    valid[localCell] += live;
+    if (live == 0u) return;
+
+    uint32_t* row = vis + size_t(localCell) * slots;
+    KernelRay rays[LIGHT_BAKE_MAX_POINTS];
+    uint8_t blocked[LIGHT_BAKE_MAX_POINTS];
+    const uint32_t lightCount = bp.info.x;
+    for (uint32_t li = 0; li < lightCount; ++li) {
+        uint32_t n = 0;
+        for (uint32_t i = 0; i < live; ++i) {
+            float2 u{rnd(seeds[i]), rnd(seeds[i])};
+            if (lightBakeBehind(s.lights[li], points[i])) continue;
+            LightSample ls = sampleLight(s.lights[li], points[i], u);
+            if (!isValid(ls)) continue;
+            rays[n++] = KernelRay{points[i], ls.dir, std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f)};
+        }
+        if (n == 0u) continue;
+        tr.opaqueOccludedMany(rays, n, blocked);
+        uint32_t reached = 0;
+        for (uint32_t i = 0; i < n; ++i)
+            if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
+        row[li] += reached;
+    }
+
+    const uint32_t emCount = bp.info.y;
+    if (emCount == 0u) return;
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < live; ++i) {
+        float3 u{rnd(seeds[i]), rnd(seeds[i]), rnd(seeds[i])};
+        EmissiveSample es = sampleEmissive(s, emCount, points[i], u);
+        if (es.pdf > 0.0f && es.dist > 1e-5f) rays[n++] = KernelRay{points[i], es.dir, es.dist * 0.999f};
+    }
+    if (n == 0u) return;
+    tr.opaqueOccludedMany(rays, n, blocked);
+    uint32_t reached = 0;
+    for (uint32_t i = 0; i < n; ++i)
+        if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
+    row[lightCount] += reached;
+}
+
+} // namespace qv
