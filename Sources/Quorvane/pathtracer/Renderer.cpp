@@ -298,6 +298,8 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     s.skyRowCdf = skyTables_.rowCdf.data();
     s.skyColCdf = skyTables_.colCdf.data();
     s.skyPdf = skyTables_.pdf.data();
+    s.skyRowGuide = skyTables_.rowGuide.data();
+    s.skyColGuide = skyTables_.colGuide.data();
     s.nodes = g.nodes.data();
     s.dfg = energy_.dfg.data();
     s.dfgAvg = energy_.dfgAvg.data();
@@ -306,6 +308,9 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     s.grid = lightGrid_;
     s.grid.mode.x = static_cast<uint32_t>(settings_.neeMode);
     s.grid.mode.y = settings_.risCandidates;
+    // The choice parameters do not depend on the bake: the current settings apply.
+    s.grid.params = float4{settings_.lightGridEps, settings_.lightGridVisFloor, settings_.lightGridOffset,
+                           settings_.emissiveRoulette};
     s.cellRange = cellRange_.data();
     s.cellEntry = cellEntry_.data();
     s.hasGlass = g.glassTriangles > 0;
