@@ -207,10 +207,11 @@ std::vector<EstimatorScene> estimatorScenes() {
         out.push_back(e);
     }
     {
-        // A one-sided emissive panel facing down, and a lamp beside it.
+        // A one-sided emissive panel facing down close over the floor (so that
+        // its density's distance-squared factor is far from 1), and a lamp beside it.
         EstimatorScene e{"emissive panel", floorScene(), blackSky()};
         uint32_t glow = e.scene.material({0.5f, 0.5f, 0.5f}, 0.6f, {0.4f, 0.35f, 0.3f});
-        e.scene.rectangle(0.7f, 0.9f, 1.7f, -0.5f, 0.5f, glow, true);
+        e.scene.rectangle(0.3f, 0.9f, 1.7f, -0.5f, 0.5f, glow, true);
         LightDef d = lampDef("pendant", {-1.3f, 0.5f, 0.6f}, 400);
         d.radius = 0.2f;
         e.scene.lamp(d);
