@@ -2,6 +2,7 @@
 
 #include "cli/CameraList.h"
 #include "cli/CameraResolve.h"
+#include "cli/PathRender.h"
 #include "cli/StillRender.h"
 #include "image/PNGWriter.h"
 #include "scene/CameraPath.h"
@@ -11,7 +12,10 @@
 #include "scene/TextFormat.h"
 
 #include <chrono>
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
+#include <memory>
 #include <cstdio>
 #include <string>
 
@@ -20,6 +24,11 @@ namespace qv {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+std::string lowercased(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return text;
+}
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -49,11 +58,35 @@ void HeadlessCLI::run(const CLIOptions& options, const LogSink& out) {
         return;
     }
 
-    // 3. A camera path: validated here; the video renderer takes it from there.
+    // 3. A camera path: frames rendered like stills by one session.
     if (options.pathFile) {
         const CameraPath path = CameraPath::load(*options.pathFile);
-        (void)path;
-        throw HeadlessError("camera-path video rendering is not built yet in this version of quorvane");
+        CLIOptions pathOptions = options;
+        // The path's time of day stands for the whole walk unless --time says otherwise.
+        if (path.timeOfDay && !options.timeExplicit)
+            if (auto t = enumFromName(kTimeOfDayNames, lowercased(*path.timeOfDay))) {
+                pathOptions.time = *t;
+                pathOptions.timeExplicit = true;
+            }
+        std::unique_ptr<StillSession> session;
+        PathRenderHooks hooks;
+        hooks.prepare = [&](bool) {
+            const CameraDef first = PathRender::frameCamera(path, 0, path.at(0.0));
+            session = std::make_unique<StillSession>(pathOptions, model, scene, first, out,
+                                                     StillSession::Report::path);
+            return PathRenderSetup{};
+        };
+        hooks.renderFrame = [&](const PathFrame& frame) -> int64_t {
+            FrameLook look;
+            if (frame.sample.exposureEV) look.exposureEV = float(*frame.sample.exposureEV);
+            if (frame.sample.wbKelvin) look.wbKelvin = float(*frame.sample.wbKelvin);
+            look.denoise = frame.denoise != CLIOptions::VideoDenoise::off;
+            StillImage image = session->render(frame.camera, false, look);
+            if (!frame.warmUp) PNGWriter::write(image.rgba, image.width, image.height, frame.partialPng);
+            return session->renderer().sampleCount();
+        };
+        PathRender::run(pathOptions, path, *options.pathFile, hooks, out, start);
+        return;
     }
 
     // 4-5. Option combinations that need no renderer to refuse.

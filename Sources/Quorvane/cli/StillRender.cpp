@@ -43,7 +43,7 @@ std::string denoiserName(DenoiserKind kind) {
 } // namespace
 
 StillSession::StillSession(const CLIOptions& options, const LoadedModel& model, const SceneDescription& scene,
-                           const CameraDef& camera, LogSink out)
+                           const CameraDef& camera, LogSink out, Report report)
     : options_(options), model_(model), scene_(scene), out_(std::move(out)) {
     env_ = chooseEnvironment(options_, scene_.site, &camera);
     if (env_.sunByDateLine) out_(*env_.sunByDateLine);
@@ -55,6 +55,7 @@ StillSession::StillSession(const CLIOptions& options, const LoadedModel& model, 
     settings.cameraWhiteBalance = dwb.balance;
     whiteBalance_ = whiteBalanceInForce(settings.whiteBalanceOverride, settings.cameraWhiteBalance,
                                         env_.preset.whiteBalance);
+    sessionWhiteBalance_ = whiteBalance_;
 
     renderer_ = std::make_unique<Renderer>(settings, out_);
     out_(strprintf("device: %s  (shaders compiled in %.2fs)", renderer_->deviceName().c_str(),
@@ -64,6 +65,11 @@ StillSession::StillSession(const CLIOptions& options, const LoadedModel& model, 
     renderer_->setEnvironment(env_.preset, scene_.northDeg.value_or(0.0f));
 
     const EnvironmentPreset& p = env_.preset;
+    if (report == Report::path) {
+        out_(strprintf("environment: %s  sun elev %.1f az %.1f  EV100 %.2f (before the path's exposure)",
+                       env_.note.c_str(), p.sunElevationDeg, p.sunAzimuthDeg, renderer_->effectiveEV100()));
+        return;
+    }
     out_(strprintf("environment: %s  sun elev %.1f az %.1f  sun %.0f lux (normal)  sky %.0f lux (horizontal)  "
                    "zenith %.1f cd/m2  EV100 %.2f  white %.1f cd/m2  WB %s",
                    env_.note.c_str(), p.sunElevationDeg, p.sunAzimuthDeg, renderer_->sunIlluminanceLux(),
@@ -173,9 +179,11 @@ float3 StillSession::whiteBalanceGains(bool report) {
     return ColorMath::whiteBalanceGains(renderer_->skyIlluminant());
 }
 
-StillImage StillSession::render(const CameraDef& camera, bool reportLines) {
+StillImage StillSession::render(const CameraDef& camera, bool reportLines, const FrameLook& look) {
     reportLines_ = reportLines;
     Renderer& r = *renderer_;
+    whiteBalance_ = look.wbKelvin ? WhiteBalance::kelvin(*look.wbKelvin) : sessionWhiteBalance_;
+    r.setCameraExposureEV(look.exposureEV.value_or(env_.cameraExposureEV));
     if (reportLines_) printCameraLine(camera);
     r.setEquirectPad((options_.renderWidth() - options_.width) / 2);
     r.resize(options_.renderWidth(), options_.height);
@@ -183,7 +191,7 @@ StillImage StillSession::render(const CameraDef& camera, bool reportLines) {
     r.resetAccumulation();
 
     std::optional<DenoiserKind> denoiseKind;
-    if (options_.denoise) {
+    if (look.denoise.value_or(options_.denoise)) {
         // No temporal denoiser exists on this platform: every kind falls back
         // to the edge-avoiding filter.
         DenoiserKind requested = options_.denoiser.value_or(DenoiserKind::atrous);

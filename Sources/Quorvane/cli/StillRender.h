@@ -27,13 +27,24 @@ struct StillImage {
     int64_t height = 0;
 };
 
+// A camera path's look at one frame: white balance and exposure keys.
+struct FrameLook {
+    std::optional<float> exposureEV; // stops, in place of the camera's exposure_ev
+    std::optional<float> wbKelvin;   // K, in place of the white balance in force
+    std::optional<bool> denoise;     // in place of --denoise
+};
+
 class StillSession {
 public:
+    // Which "environment: " line the session prints: a still's, or a camera
+    // path's (EV100 before the path's own exposure).
+    enum class Report { still, path };
+
     // Chooses the environment for `camera`, creates the renderer, loads the
     // scene and sets the environment, printing the "sun by date", "device" and
     // "environment" lines.
     StillSession(const CLIOptions& options, const LoadedModel& model, const SceneDescription& scene,
-                 const CameraDef& camera, LogSink out);
+                 const CameraDef& camera, LogSink out, Report report = Report::still);
     ~StillSession();
 
     // Prints the "camera: " line for the camera about to be rendered.
@@ -43,7 +54,7 @@ public:
     // exposure, white balance, denoise, dumps) and returns the image at the
     // output size (a panorama's padding cropped). `reportLines` off keeps
     // path frames quiet except for warnings.
-    StillImage render(const CameraDef& camera, bool reportLines = true);
+    StillImage render(const CameraDef& camera, bool reportLines = true, const FrameLook& look = {});
 
     Renderer& renderer() { return *renderer_; }
     const EnvironmentChoice& environment() const { return env_; }
@@ -61,6 +72,7 @@ private:
     std::unique_ptr<Renderer> renderer_;
     std::unique_ptr<AtrousDenoiser> denoiser_;
     WhiteBalance whiteBalance_;
+    WhiteBalance sessionWhiteBalance_;
     double denoiseSeconds_ = 0;
     double samplingSeconds_ = 0;
     bool reportLines_ = true;

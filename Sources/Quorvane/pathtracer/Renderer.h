@@ -53,6 +53,8 @@ public:
     void setSettings(const RenderSettings& settings);
     // Changes only how the finished image is exposed: the accumulation stays.
     void setExposureOverride(std::optional<float> ev100) { settings_.ev100Override = ev100; }
+    // The camera's own exposure (stops); set before sampling, as the firefly clamp follows the exposure.
+    void setCameraExposureEV(float stops) { settings_.cameraExposureEV = stops; }
 
     // Fails with RendererError when the frame cannot fit in memory.
     void checkFrameSize(int64_t width, int64_t height) const;
