@@ -13,8 +13,16 @@ struct ProgramResult {
     std::string err;
 };
 
+struct ProgramCall {
+    std::vector<std::string> args;
+    std::map<std::string, std::string> env;
+};
+
 // The program runs with the test's environment, less every QV_NEE_ switch,
 // plus `env`.
 ProgramResult runProgram(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {});
+
+// Many runs at once (they mostly wait on process start-up), results in call order.
+std::vector<ProgramResult> runPrograms(const std::vector<ProgramCall>& calls);
 
 } // namespace qv::test
