@@ -204,149 +204,107 @@ QV_KERNEL GuideHit guideBehindGlass(const KernelContext<Tracer>& k, float3 o, fl
     return g;
 }
 
-// Sun, sky and lamp next-event estimation at a frosted pane: the shadow ray
-// leaves from the side of the pane the light lies on; lamps only on the
-// incident side.
-template <class Tracer>
-QV_KERNEL void frostedNee(const KernelContext<Tracer>& k, const PathSwitches& sw, float3& L, float3 beta, float3 x,
-                          float3 ng, const Basis& frame, float3 v, float alpha, float eta, float3 tint, int cell,
-                          bool clampSunSky, bool clampLamp, uint32_t& seed, bool& bad) {
-    const GPUUniforms& u = k.u;
-    const SceneData& s = k.s;
-    if (sw.sunNee) {
-        float2 r{rnd(seed), rnd(seed)};
-        float3 ld = sampleConeDir(xyz(u.sunDir), u.sunDir.w, r);
-        float3 l = toLocal(frame, ld);
-        BSDFEval e = frostedEval(v, l, alpha, eta, tint);
-        if (maxComp(e.f) > 0.0f) {
-            float3 xo = offsetRay(x, l.z > 0.0f ? ng : -ng);
-            float3 T = shadowTransmittance(s, k.tr, xo, ld, BIG);
-            float w = sw.neeOnly ? 1.0f : misW(sw.sunPdf, e.pdf);
-            addC(L, beta * e.f * std::fabs(l.z) * xyz(u.sunRadiance) * T * (w / sw.sunPdf), clampSunSky, sw.clampLum,
-                 bad);
-        }
-    }
-    if (sw.skyNee) {
-        float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-        SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, u.counts.z,
-                                       u.counts.w, r);
-        if (ss.pdf > 0.0f) {
-            float3 l = toLocal(frame, ss.dir);
-            BSDFEval e = frostedEval(v, l, alpha, eta, tint);
-            if (maxComp(e.f) > 0.0f) {
-                float3 xo = offsetRay(x, l.z > 0.0f ? ng : -ng);
-                float3 T = shadowTransmittance(s, k.tr, xo, ss.dir, BIG);
-                float w = sw.neeOnly ? 1.0f : misW(ss.pdf, e.pdf);
-                float3 Ls = skyLookup(s.sky, u.counts.z, u.counts.w, ss.dir);
-                addC(L, beta * e.f * std::fabs(l.z) * Ls * T * (w / ss.pdf), clampSunSky, sw.clampLum, bad);
-            }
-        }
-    }
-    if (sw.lightCount > 0u) {
-        LightChoice c = chooseLight(s, x, ng, cell, seed);
-        float2 r{rnd(seed), rnd(seed)};
-        if (c.pmf > 0.0f) {
-            const GPULight& light = s.lights[c.index];
-            LightSample ls = sampleLight(light, x, r);
-            if (isValid(ls) && dot(ls.dir, ng) > 0.0f) {
-                float3 l = toLocal(frame, ls.dir);
-                BSDFEval e = frostedEval(v, l, alpha, eta, tint);
-                if (maxComp(e.f) > 0.0f) {
-                    float pl = c.pmf * ls.pdf;
-                    float3 xo = offsetRay(x, ng);
-                    float3 y = x + ls.dir * ls.dist;
-                    float3 sd = y - xo;
-                    float slen = length(sd);
-                    float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f - 1e-4f);
-                    float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
-                    addC(L, beta * e.f * std::fabs(l.z) * ls.Le * T * (w / pl), clampLamp, sw.clampLum, bad);
-                }
-            }
-        }
-    }
+// What next-event estimation needs of the scattering surface: its BSDF
+// value and density toward a light, and where a shadow ray toward it starts.
+struct OpaqueScatter {
+    const BSDF& b;
+    float3 v;      // toward the viewer, local frame
+    float3 x, ng;  // hit point and facing geometric normal
+    QV_KERNEL BSDFEval eval(float3 l) const { return bsdfEval(b, v, l); }
+    // Opaque surfaces receive light only on the side the ray came from.
+    QV_KERNEL bool receives(float3 dir) const { return dot(dir, ng) > 0.0f; }
+    QV_KERNEL float3 origin(float3 l) const { (void)l; return offsetRay(x, ng); }
+};
+
+// A frosted pane scatters to both sides: a shadow ray leaves from the side
+// its light lies on.
+struct FrostedScatter {
+    float3 v;
+    float alpha, eta;
+    float3 tint;
+    float3 x, ng;
+    QV_KERNEL BSDFEval eval(float3 l) const { return frostedEval(v, l, alpha, eta, tint); }
+    QV_KERNEL bool receives(float3 dir) const { (void)dir; return true; }
+    QV_KERNEL float3 origin(float3 l) const { return offsetRay(x, l.z > 0.0f ? ng : -ng); }
+};
+
+template <class Tracer, class Scatter>
+QV_KERNEL void sunNee(const KernelContext<Tracer>& k, const PathSwitches& sw, const Scatter& sc, const Basis& frame,
+                      float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
+    float2 r{rnd(seed), rnd(seed)};
+    float3 ld = sampleConeDir(xyz(k.u.sunDir), k.u.sunDir.w, r);
+    if (!sc.receives(ld)) return;
+    float3 l = toLocal(frame, ld);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
+    float3 T = shadowTransmittance(k.s, k.tr, sc.origin(l), ld, BIG);
+    float w = sw.neeOnly ? 1.0f : misW(sw.sunPdf, e.pdf);
+    addC(L, beta * e.f * std::fabs(l.z) * xyz(k.u.sunRadiance) * T * (w / sw.sunPdf), doClamp, sw.clampLum, bad);
 }
 
-// Next-event estimation at an opaque scattering vertex (or a light fitting):
-// sun, sky, one lamp, one emissive triangle.
-template <class Tracer>
-QV_KERNEL void surfaceNee(const KernelContext<Tracer>& k, const PathSwitches& sw, float3& L, float3 beta, float3 x,
-                          float3 ng, float3 ns, const Basis& frame, const BSDF& b, float3 v, int cell, bool doClamp,
-                          uint32_t& seed, bool& bad) {
-    const GPUUniforms& u = k.u;
+template <class Tracer, class Scatter>
+QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, const Scatter& sc, const Basis& frame,
+                      float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
     const SceneData& s = k.s;
-    float3 xo = offsetRay(x, ng);
-    if (sw.sunNee) {
-        float2 r{rnd(seed), rnd(seed)};
-        float3 ld = sampleConeDir(xyz(u.sunDir), u.sunDir.w, r);
-        if (dot(ld, ng) > 0.0f) {
-            float3 l = toLocal(frame, ld);
-            BSDFEval e = bsdfEval(b, v, l);
-            if (maxComp(e.f) > 0.0f) {
-                float3 T = shadowTransmittance(s, k.tr, xo, ld, BIG);
-                float w = sw.neeOnly ? 1.0f : misW(sw.sunPdf, e.pdf);
-                addC(L, beta * e.f * l.z * xyz(u.sunRadiance) * T * (w / sw.sunPdf), doClamp, sw.clampLum, bad);
-            }
-        }
-    }
-    if (sw.skyNee) {
-        float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-        SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, u.counts.z,
-                                       u.counts.w, r);
-        if (ss.pdf > 0.0f && dot(ss.dir, ng) > 0.0f) {
-            float3 l = toLocal(frame, ss.dir);
-            BSDFEval e = bsdfEval(b, v, l);
-            if (maxComp(e.f) > 0.0f) {
-                float3 T = shadowTransmittance(s, k.tr, xo, ss.dir, BIG);
-                float w = sw.neeOnly ? 1.0f : misW(ss.pdf, e.pdf);
-                float3 Ls = skyLookup(s.sky, u.counts.z, u.counts.w, ss.dir);
-                addC(L, beta * e.f * l.z * Ls * T * (w / ss.pdf), doClamp, sw.clampLum, bad);
-            }
-        }
-    }
-    if (sw.lightCount > 0u) {
-        LightChoice c = chooseLight(s, x, ns, cell, seed);
-        float2 r{rnd(seed), rnd(seed)};
-        if (c.pmf > 0.0f) {
-            const GPULight& light = s.lights[c.index];
-            LightSample ls = sampleLight(light, x, r);
-            if (isValid(ls) && dot(ls.dir, ng) > 0.0f) {
-                float3 l = toLocal(frame, ls.dir);
-                BSDFEval e = bsdfEval(b, v, l);
-                if (maxComp(e.f) > 0.0f) {
-                    float pl = c.pmf * ls.pdf;
-                    float3 y = x + ls.dir * ls.dist;
-                    float3 sd = y - xo;
-                    float slen = length(sd);
-                    if (slen > 0.0f) {
-                        float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f - 1e-4f);
-                        float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
-                        addC(L, beta * e.f * l.z * ls.Le * T * (w / pl), doClamp, sw.clampLum, bad);
-                    }
-                }
-            }
-        }
-    }
-    if (sw.emCount > 0u) {
-        float pEm = emissiveNeeProb(s, cell);
-        if (pEm >= 1.0f || rnd(seed) < pEm) {
-            float3 r{rnd(seed), rnd(seed), rnd(seed)};
-            EmissiveSample es = sampleEmissive(s, sw.emCount, x, r);
-            if (es.pdf > 0.0f && dot(es.dir, ng) > 0.0f) {
-                float3 l = toLocal(frame, es.dir);
-                BSDFEval e = bsdfEval(b, v, l);
-                if (maxComp(e.f) > 0.0f) {
-                    float pl = pEm * es.pdf;
-                    float3 sd = es.y - xo;
-                    float slen = length(sd);
-                    if (slen > 0.0f) {
-                        float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f);
-                        float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
-                        addC(L, beta * e.f * l.z * es.Le * T * (w / pl), doClamp, sw.clampLum, bad);
-                    }
-                }
-            }
-        }
-    }
+    float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
+    SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, k.u.counts.z,
+                                   k.u.counts.w, r);
+    if (!(ss.pdf > 0.0f) || !sc.receives(ss.dir)) return;
+    float3 l = toLocal(frame, ss.dir);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
+    float3 T = shadowTransmittance(s, k.tr, sc.origin(l), ss.dir, BIG);
+    float w = sw.neeOnly ? 1.0f : misW(ss.pdf, e.pdf);
+    float3 Ls = skyLookup(s.sky, k.u.counts.z, k.u.counts.w, ss.dir);
+    addC(L, beta * e.f * std::fabs(l.z) * Ls * T * (w / ss.pdf), doClamp, sw.clampLum, bad);
+}
+
+// One lamp, chosen with normal n; lamps are sampled only on the incident side
+// (dir . ng > 0) and the shadow ray is aimed at the sampled point itself.
+template <class Tracer, class Scatter>
+QV_KERNEL void lampNee(const KernelContext<Tracer>& k, const PathSwitches& sw, const Scatter& sc, const Basis& frame,
+                       float3 n, int cell, float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
+    const SceneData& s = k.s;
+    LightChoice c = chooseLight(s, sc.x, n, cell, seed);
+    float2 r{rnd(seed), rnd(seed)};
+    if (!(c.pmf > 0.0f)) return;
+    LightSample ls = sampleLight(s.lights[c.index], sc.x, r);
+    if (!isValid(ls) || !(dot(ls.dir, sc.ng) > 0.0f)) return;
+    float3 l = toLocal(frame, ls.dir);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
+    float pl = c.pmf * ls.pdf;
+    float3 xo = offsetRay(sc.x, sc.ng);
+    float3 sd = sc.x + ls.dir * ls.dist - xo;
+    float slen = length(sd);
+    if (!(slen > 0.0f)) return;
+    float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f - 1e-4f);
+    float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
+    addC(L, beta * e.f * std::fabs(l.z) * ls.Le * T * (w / pl), doClamp, sw.clampLum, bad);
+}
+
+// One emissive triangle, traced with the cell's roulette probability.
+template <class Tracer>
+QV_KERNEL void emissiveNee(const KernelContext<Tracer>& k, const PathSwitches& sw, const OpaqueScatter& sc,
+                           const Basis& frame, int cell, float3& L, float3 beta, bool doClamp, uint32_t& seed,
+                           bool& bad) {
+    const SceneData& s = k.s;
+    float pEm = emissiveNeeProb(s, cell);
+    if (!(pEm >= 1.0f || rnd(seed) < pEm)) return;
+    float3 r{rnd(seed), rnd(seed), rnd(seed)};
+    EmissiveSample es = sampleEmissive(s, sw.emCount, sc.x, r);
+    if (!(es.pdf > 0.0f) || !sc.receives(es.dir)) return;
+    float3 l = toLocal(frame, es.dir);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
+    float pl = pEm * es.pdf;
+    float3 xo = sc.origin(l);
+    float3 sd = es.y - xo;
+    float slen = length(sd);
+    if (!(slen > 0.0f)) return;
+    float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f);
+    float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
+    addC(L, beta * e.f * std::fabs(l.z) * es.Le * T * (w / pl), doClamp, sw.clampLum, bad);
 }
 
 QV_KERNEL bool russianRoulette(float3& beta, uint32_t depth, uint32_t rrDepth, uint32_t& seed) {
@@ -472,8 +430,14 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 Basis frame = makeBasis(sh.ng);
                 float3 v = toLocal(frame, -d);
                 int cell = (sw.lightCount > 0u || sw.emCount > 0u) ? lightCellOf(s, sh.x, sh.ng) : -1;
-                frostedNee(k, sw, L, beta, sh.x, sh.ng, frame, v, alpha, eta, tint, cell,
-                           depth >= start.clampFrom + 1u, depth >= start.clampFrom, seed, bad);
+                // At a pane, sun and sky are clamped one depth later than elsewhere: a sunlit frosted
+                // pane is a bright, smooth secondary source for the first surface seen.
+                FrostedScatter pane{v, alpha, eta, tint, sh.x, sh.ng};
+                bool clampSunSky = depth >= start.clampFrom + 1u;
+                if (sw.sunNee) sunNee(k, sw, pane, frame, L, beta, clampSunSky, seed, bad);
+                if (sw.skyNee) skyNee(k, sw, pane, frame, L, beta, clampSunSky, seed, bad);
+                if (sw.lightCount > 0u)
+                    lampNee(k, sw, pane, frame, sh.ng, cell, L, beta, depth >= start.clampFrom, seed, bad);
                 float3 r3{rnd(seed), rnd(seed), rnd(seed)};
                 BSDFSample bs = frostedSample(v, alpha, eta, tint, r3);
                 if (!isValid(bs)) break;
@@ -622,7 +586,12 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
         (void)isFitting;
 
         int cell = (sw.lightCount > 0u || sw.emCount > 0u) ? lightCellOf(s, x, ng) : -1;
-        surfaceNee(k, sw, L, beta, x, ng, ns, frame, b, v, cell, depth >= start.clampFrom, seed, bad);
+        OpaqueScatter surface{b, v, x, ng};
+        bool doClamp = depth >= start.clampFrom;
+        if (sw.sunNee) sunNee(k, sw, surface, frame, L, beta, doClamp, seed, bad);
+        if (sw.skyNee) skyNee(k, sw, surface, frame, L, beta, doClamp, seed, bad);
+        if (sw.lightCount > 0u) lampNee(k, sw, surface, frame, ns, cell, L, beta, doClamp, seed, bad);
+        if (sw.emCount > 0u) emissiveNee(k, sw, surface, frame, cell, L, beta, doClamp, seed, bad);
 
         float3 r3{rnd(seed), rnd(seed), rnd(seed)};
         BSDFSample bs = bsdfSample(b, v, r3);
