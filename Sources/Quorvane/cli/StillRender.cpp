@@ -63,6 +63,7 @@ StillSession::StillSession(const CLIOptions& options, const LoadedModel& model, 
     renderer_->checkFrameSize(options_.renderWidth(), options_.height);
     renderer_->load(model_, scene_);
     renderer_->setEnvironment(env_.preset, scene_.northDeg.value_or(0.0f));
+    waitForBackgroundGrid();
 
     const EnvironmentPreset& p = env_.preset;
     if (report == Report::path) {
@@ -78,6 +79,20 @@ StillSession::StillSession(const CLIOptions& options, const LoadedModel& model, 
 }
 
 StillSession::~StillSession() = default;
+
+// A grid baked in the background must be in place before sampling starts,
+// so that every sample chooses lamps the same way.
+void StillSession::waitForBackgroundGrid() {
+    Renderer& r = *renderer_;
+    if (!r.lightGridInBackground()) return;
+    bool installed = r.installPendingLightGrid();
+    out_(strprintf("async grid: load returned, grid installed: %s", installed ? "true" : "false"));
+    if (installed) return;
+    const Clock::time_point t0 = Clock::now();
+    while (!installed && secondsSince(t0) < 30.0) installed = r.waitForLightGrid(0.01);
+    out_(strprintf("async grid: installed %s after %.2f s on the main run loop", installed ? "true" : "false",
+                   secondsSince(t0)));
+}
 
 std::string StillSession::whiteBalanceDescription(std::optional<float3> measuredGains) const {
     switch (whiteBalance_.kind) {

@@ -60,6 +60,7 @@ public:
     const EnvironmentChoice& environment() const { return env_; }
 
 private:
+    void waitForBackgroundGrid();
     void sample(int64_t spp);
     std::string whiteBalanceDescription(std::optional<float3> measuredGains) const;
     float3 whiteBalanceGains(bool report);
