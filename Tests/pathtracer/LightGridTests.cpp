@@ -266,19 +266,7 @@ uint32_t lampNear(const GeometryBuild& g, float3 p) {
 }
 
 SceneData sceneWith(const GeometryBuild& g, const LightGrid& grid) {
-    SceneData s;
-    s.opPos = g.opPos.data();
-    s.opIdx = g.opIdx.data();
-    s.opInfo = g.opInfo.data();
-    s.auxPos = g.auxPos.data();
-    s.auxIdx = g.auxIdx.data();
-    s.auxInfo = g.auxInfo.data();
-    s.mats = g.materials.data();
-    s.lights = g.lights.data();
-    s.nodes = g.nodes.data();
-    s.emTris = g.emTris.data();
-    s.emCdf = g.emCdf.data();
-    s.hasGlass = g.glassTriangles > 0;
+    SceneData s = geometrySceneData(g);
     s.grid = grid.params;
     s.cellRange = grid.cellRange.data();
     s.cellEntry = grid.cellEntry.data();

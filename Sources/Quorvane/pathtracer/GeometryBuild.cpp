@@ -424,4 +424,23 @@ GeometryBuild buildGeometry(const LoadedModel& model, const SceneDescription& sc
     return g;
 }
 
+SceneData geometrySceneData(const GeometryBuild& g) {
+    SceneData s;
+    s.opPos = g.opPos.data();
+    s.opIdx = g.opIdx.data();
+    s.opNrm = g.opNrm.data();
+    s.opInfo = g.opInfo.data();
+    s.opUV = g.opUV.data();
+    s.auxPos = g.auxPos.data();
+    s.auxIdx = g.auxIdx.data();
+    s.auxInfo = g.auxInfo.data();
+    s.mats = g.materials.data();
+    s.lights = g.lights.data();
+    s.nodes = g.nodes.data();
+    s.emTris = g.emTris.data();
+    s.emCdf = g.emCdf.data();
+    s.hasGlass = g.glassTriangles > 0;
+    return s;
+}
+
 } // namespace qv

@@ -84,6 +84,10 @@ GeometryBuild buildGeometry(const LoadedModel& model, const SceneDescription& sc
                             const TextureSet& textures, const LogSink& log,
                             BuildQuality quality = BuildQuality::high);
 
+// The kernels' view of the build's arrays. Sky, energy tables, light grid and
+// stats counters belong to the renderer and are left unset.
+SceneData geometrySceneData(const GeometryBuild& g);
+
 // The material record of a model material (glass test, tint, emission,
 // texture layer and wraps). `emissiveNits` scales the glTF emissive factor.
 GPUMaterial packMaterial(const ModelMaterial& m, float emissiveNits, const TextureSet& textures);

@@ -27,26 +27,6 @@ int64_t cellsAlong(float lo, float hi, float cell) {
     return int64_t(std::min(n, 1e12));
 }
 
-// The scene arrays the bake reads, straight from the geometry build.
-SceneData bakeScene(const GeometryBuild& g) {
-    SceneData s;
-    s.opPos = g.opPos.data();
-    s.opIdx = g.opIdx.data();
-    s.opNrm = g.opNrm.data();
-    s.opInfo = g.opInfo.data();
-    s.auxPos = g.auxPos.data();
-    s.auxIdx = g.auxIdx.data();
-    s.auxInfo = g.auxInfo.data();
-    s.mats = g.materials.data();
-    s.lights = g.lights.data();
-    s.emTris = g.emTris.data();
-    s.emCdf = g.emCdf.data();
-    s.nodes = g.nodes.data();
-    s.opUV = g.opUV.data();
-    s.hasGlass = g.glassTriangles > 0;
-    return s;
-}
-
 } // namespace
 
 LightGridDims dimsFor(float cell, float3 lo, float3 hi) {
@@ -156,7 +136,7 @@ std::optional<LightGrid> bakeLightGrid(const GeometryBuild& g, float3 coreMin, f
     const uint32_t slots = lights + 1;
     const uint32_t sliceCells = std::max(lightBakeSliceCells(points, slots), 1u);
 
-    SceneData s = bakeScene(g);
+    SceneData s = geometrySceneData(g);
     s.grid.origin = make_float4(layout.lo, layout.cell);
     s.grid.dims = uint4{uint32_t(layout.dims.nx), uint32_t(layout.dims.ny), uint32_t(layout.dims.nz), total};
     SceneTracer tracer(g.opAS.get(), g.auxAS.get(), g.glassAS.get());

@@ -282,28 +282,15 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     if (!geometry_) throw RendererError("no scene is loaded");
     if (sky_.env.empty()) throw RendererError("no environment is set");
     const GeometryBuild& g = *geometry_;
-    SceneData s;
-    s.opPos = g.opPos.data();
-    s.opIdx = g.opIdx.data();
-    s.opNrm = g.opNrm.data();
-    s.opInfo = g.opInfo.data();
-    s.auxPos = g.auxPos.data();
-    s.auxIdx = g.auxIdx.data();
-    s.auxInfo = g.auxInfo.data();
-    s.mats = g.materials.data();
-    s.lights = g.lights.data();
-    s.emTris = g.emTris.data();
-    s.emCdf = g.emCdf.data();
+    SceneData s = geometrySceneData(g);
     s.sky = sky_.env.data();
     s.skyRowCdf = skyTables_.rowCdf.data();
     s.skyColCdf = skyTables_.colCdf.data();
     s.skyPdf = skyTables_.pdf.data();
     s.skyRowGuide = skyTables_.rowGuide.data();
     s.skyColGuide = skyTables_.colGuide.data();
-    s.nodes = g.nodes.data();
     s.dfg = energy_.dfg.data();
     s.dfgAvg = energy_.dfgAvg.data();
-    s.opUV = g.opUV.data();
     s.dbg = stats_.data();
     s.grid = lightGrid_;
     s.grid.mode.x = static_cast<uint32_t>(settings_.neeMode);
@@ -313,7 +300,6 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
                            settings_.emissiveRoulette};
     s.cellRange = cellRange_.data();
     s.cellEntry = cellEntry_.data();
-    s.hasGlass = g.glassTriangles > 0;
     s.dbgOn = settings_.debugNeeStats;
 
     KernelTextures tex;
