@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 
 namespace qv {
@@ -84,34 +85,36 @@ std::vector<uint8_t> randomRGBA(int64_t w, int64_t h, uint32_t seed) {
     return v;
 }
 
-TEST(PNGWriting, RoundTripsPixelsExactly) {
-    ScratchDir dir;
-    struct Case {
-        int64_t w, h;
-    };
-    for (Case c : {Case{1, 1}, Case{7, 3}, Case{64, 33}}) {
-        std::vector<uint8_t> rgba = randomRGBA(c.w, c.h, uint32_t(c.w * 100 + c.h));
-        fs::path out = dir.path() / "nested" / "folder" / ("img" + std::to_string(c.w) + ".png");
-        PNGWriter::write(rgba, c.w, c.h, out);
-        DecodedPNG d = readPNG(out);
-        ASSERT_EQ(d.width, uint32_t(c.w));
-        ASSERT_EQ(d.height, uint32_t(c.h));
-        EXPECT_EQ(d.colourType, PNG_COLOR_TYPE_RGB);
-        EXPECT_EQ(d.bitDepth, 8);
-        ASSERT_EQ(d.rgb.size(), size_t(c.w * c.h * 3));
-        for (size_t p = 0; p < size_t(c.w * c.h); ++p)
-            for (int ch = 0; ch < 3; ++ch) ASSERT_EQ(d.rgb[p * 3 + ch], rgba[p * 4 + ch]) << "pixel " << p;
+// The code and sentence of the PNGWriteError a write throws; code 0 when it succeeds.
+std::pair<int, std::string> writeError(const std::function<void()>& write) {
+    try {
+        write();
+    } catch (const PNGWriteError& e) {
+        return {e.code(), e.what()};
     }
+    return {0, ""};
 }
 
-TEST(PNGWriting, ReplacesAnEarlierFileAndLeavesNoTemporary) {
+using WriteError = std::pair<int, std::string>;
+
+TEST(PNGWriting, RoundTripsPixelsExactly) {
     ScratchDir dir;
-    fs::path out = dir.path() / "shot.png";
-    PNGWriter::write(randomRGBA(4, 4, 1), 4, 4, out);
-    std::vector<uint8_t> second = randomRGBA(5, 2, 2);
-    PNGWriter::write(second, 5, 2, out);
-    EXPECT_EQ(readPNG(out).width, 5u);
-    EXPECT_EQ(dir.entries(), std::vector<std::string>{"shot.png"});
+    // Written twice to the same name: the second replaces the first and no temporary is left.
+    for (auto [w, h] : {std::pair<int64_t, int64_t>{64, 33}, {1, 1}, {7, 3}}) {
+        std::vector<uint8_t> rgba = randomRGBA(w, h, uint32_t(w * 100 + h));
+        fs::path out = dir.path() / "nested" / "folder" / "img.png";
+        PNGWriter::write(rgba, w, h, out);
+        DecodedPNG d = readPNG(out);
+        ASSERT_EQ(d.width, uint32_t(w));
+        ASSERT_EQ(d.height, uint32_t(h));
+        EXPECT_EQ(d.colourType, PNG_COLOR_TYPE_RGB);
+        EXPECT_EQ(d.bitDepth, 8);
+        ASSERT_EQ(d.rgb.size(), size_t(w * h * 3));
+        for (size_t p = 0; p < size_t(w * h); ++p)
+            for (int ch = 0; ch < 3; ++ch) ASSERT_EQ(d.rgb[p * 3 + ch], rgba[p * 4 + ch]) << "pixel " << p;
+    }
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"nested"});
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "nested" / "folder"), fs::directory_iterator()), 1);
 }
 
 TEST(PNGWriting, TemporaryNameIsHiddenInTheSameFolder) {
@@ -126,29 +129,18 @@ TEST(PNGWriting, FailedEncodeLeavesNeitherPartialPNGNorTemporary) {
     PNGWriter::write(earlier, 3, 3, out);
     // The disk "fills up" after the signature and header have gone out.
     auto probe = [](size_t written) { return written < 40; };
-    try {
-        PNGWriter::writeWithProbe(randomRGBA(32, 32, 3), 32, 32, out, probe);
-        FAIL() << "the write should fail";
-    } catch (const PNGWriteError& e) {
-        EXPECT_EQ(e.code(), 3);
-        EXPECT_EQ(std::string(e.what()), "PNG encode failed (" + out.string() + ")");
-    }
+    EXPECT_EQ(writeError([&] { PNGWriter::writeWithProbe(randomRGBA(32, 32, 3), 32, 32, out, probe); }),
+              WriteError(3, "PNG encode failed (" + out.string() + ")"));
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"frame.png"});
-    DecodedPNG d = readPNG(out); // the earlier file is untouched
-    EXPECT_EQ(d.width, 3u);
+    EXPECT_EQ(readPNG(out).width, 3u); // the earlier file is untouched
 }
 
 TEST(PNGWriting, FailedMoveLeavesNoTemporary) {
     ScratchDir dir;
     fs::path out = dir.path() / "taken.png";
     fs::create_directories(out / "inside"); // a non-empty folder cannot be replaced by a file
-    try {
-        PNGWriter::write(randomRGBA(2, 2, 4), 2, 2, out);
-        FAIL() << "the write should fail";
-    } catch (const PNGWriteError& e) {
-        EXPECT_EQ(e.code(), 4);
-        EXPECT_EQ(std::string(e.what()), "could not move the PNG into place at " + out.string() + ": Is a directory");
-    }
+    EXPECT_EQ(writeError([&] { PNGWriter::write(randomRGBA(2, 2, 4), 2, 2, out); }),
+              WriteError(4, "could not move the PNG into place at " + out.string() + ": Is a directory"));
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"taken.png"});
     EXPECT_TRUE(fs::is_directory(out));
 }
@@ -160,26 +152,16 @@ TEST(PNGWriting, UnwritableFolderFailsToOpen) {
     fs::create_directories(locked);
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
     fs::path out = locked / "a.png";
-    try {
-        PNGWriter::write(randomRGBA(2, 2, 4), 2, 2, out);
-        FAIL();
-    } catch (const PNGWriteError& e) {
-        EXPECT_EQ(e.code(), 2);
-        EXPECT_EQ(std::string(e.what()), "could not open " + PNGWriter::temporaryPath(out).string() + " for writing");
-    }
+    EXPECT_EQ(writeError([&] { PNGWriter::write(randomRGBA(2, 2, 4), 2, 2, out); }),
+              WriteError(2, "could not open " + PNGWriter::temporaryPath(out).string() + " for writing"));
     fs::permissions(locked, fs::perms::owner_all);
     EXPECT_TRUE(fs::is_empty(locked));
 }
 
 TEST(PNGWriting, WrongByteCountIsNoImage) {
     ScratchDir dir;
-    try {
-        PNGWriter::write(std::vector<uint8_t>(15), 2, 2, dir.path() / "x.png");
-        FAIL();
-    } catch (const PNGWriteError& e) {
-        EXPECT_EQ(e.code(), 1);
-        EXPECT_STREQ(e.what(), "could not create CGImage");
-    }
+    EXPECT_EQ(writeError([&] { PNGWriter::write(std::vector<uint8_t>(15), 2, 2, dir.path() / "x.png"); }),
+              WriteError(1, "could not create CGImage"));
     EXPECT_TRUE(dir.entries().empty());
 }
 
@@ -232,15 +214,8 @@ TEST(RawDumps, LinearDumpRoundTripsThroughItsSidecar) {
     RawDump::writeLinear(path, sums.data(), 4, 2, 4);
     EXPECT_EQ(fs::file_size(path), 112u);
 
-    DumpRunInfo run;
-    run.denoiser = DenoiserKind::atrous;
-    run.denoiseSeconds = 0.25;
-    run.camera = "Living room";
-    run.time = "dusk";
-    run.seed = 7;
-    run.samplingSeconds = 2.0;
-    run.samplesPerPixel = 4;
-    run.nanSamples = 1;
+    DumpRunInfo run{.denoiser = DenoiserKind::atrous, .denoiseSeconds = 0.25, .camera = "Living room",
+                    .time = "dusk", .seed = 7, .samplingSeconds = 2.0, .samplesPerPixel = 4, .nanSamples = 1};
     nlohmann::json tone = {{"format", "QVDP"}, {"width", 4}, {"height", 2}, {"spp", 4}, {"operator", "agx"}};
     RawDump::writeSidecar(path, RawDump::makeSidecar(tone, run));
     EXPECT_TRUE(fs::exists(dir.path() / "a.bin.json"));
