@@ -1,10 +1,12 @@
 #include "image/AtrousDenoiser.h"
 #include "image/AtrousPassCPU.h"
+#include "image/AtrousRestoreCPU.h"
 
 #include "image/SyntheticScene.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace qv {
@@ -140,6 +142,56 @@ TEST(AtrousDenoiser, VectorisedPassMatchesTheReferenceKernel) {
             }
             colour = ref;
             noise = noiseRef;
+        }
+    }
+}
+
+TEST(AtrousDenoiser, VectorisedRestoreMatchesTheReferenceKernel) {
+    test::SyntheticScene scene{45, 29}; // odd sizes exercise the partial vectors and the clamped border
+    test::SampledFrame f = test::sampleScene(scene, 8, 91);
+    const uint32_t W = scene.width, H = scene.height;
+    const size_t count = size_t(W) * H;
+    const size_t hole = 7 * W + 44; // a pixel without samples on the right border
+    f.accum[hole] = f.guideA[hole] = f.guideB[hole] = float4{};
+    AtrousDenoiser dn{AtrousSettings::fromValues(nullptr, nullptr, nullptr, "0")};
+    ASSERT_TRUE(dn.denoise(f.accum.data(), f.guideA.data(), f.guideB.data(), W, H, 8));
+    // Residual and per-channel noise as the restore sees them, crease-corrected.
+    std::vector<float4> colour(count), noise(count), guide(count), albedo(count), resid(count), creased(count);
+    GPUDenoiseParams P{uint4{W, H, 1, 0}, dn.settings().sigmas, dn.settings().chroma};
+    for (uint32_t y = 0; y < H; ++y)
+        for (uint32_t x = 0; x < W; ++x)
+            denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(), guide.data(),
+                        albedo.data(), P, x, y);
+    for (uint32_t y = 0; y < H; ++y)
+        for (uint32_t x = 0; x < W; ++x)
+            denoiseResid(f.accum.data(), f.guideB.data(), dn.output(), albedo.data(), resid.data(), noise.data(), P,
+                         x, y);
+    const float4 crease = dn.settings().crease;
+    for (uint32_t y = 0; y < H; ++y)
+        for (uint32_t x = 0; x < W; ++x)
+            denoiseCrease(resid.data(), noise.data(), guide.data(), creased.data(), crease, P, x, y);
+    AtrousRestorePlanes planes;
+    for (float k : {2.0f, 4.0f, 0.5f}) {
+        std::vector<float4> ref(count), fast(count);
+        const float4 C{k, 0, 0, 0};
+        for (uint32_t y = 0; y < H; ++y)
+            for (uint32_t x = 0; x < W; ++x)
+                denoiseRestore2(f.accum.data(), creased.data(), noise.data(), ref.data(), C, P, x, y);
+        restoreCPU(f.accum.data(), creased.data(), noise.data(), fast.data(), k, W, H, planes);
+        int restored = 0;
+        for (size_t j = 0; j < count; ++j) {
+            // The output is x - (1 - wmax) R: the share wmax is what may differ by rounding.
+            const float3 R = xyz(creased[j]);
+            for (int ch = 0; ch < 3; ++ch)
+                ASSERT_NEAR(xyz(fast[j])[ch], xyz(ref[j])[ch], 1e-5f * (std::fabs(xyz(ref[j])[ch]) + std::fabs(R[ch])))
+                    << "k " << k << " pixel " << j << " channel " << ch;
+            ASSERT_EQ(fast[j].w, 1.0f);
+            float3 x = xyz(f.accum[j]) / std::max(f.accum[j].w, 1.0f);
+            if (f.accum[j].w > 0 && dot(xyz(ref[j]) - x, xyz(ref[j]) - x) < 1e-6f * dot(x, x)) ++restored;
+        }
+        EXPECT_EQ(fast[hole].x, dn.output()[hole].x) << "a pixel without samples keeps the filtered value";
+        if (k == 0.5f) {
+            EXPECT_GT(restored, 0) << "a weak threshold puts some pixels fully back";
         }
     }
 }

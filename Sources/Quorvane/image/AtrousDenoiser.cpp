@@ -1,6 +1,7 @@
 #include "image/AtrousDenoiser.h"
 
 #include "image/AtrousPassCPU.h"
+#include "image/AtrousRestoreCPU.h"
 #include "image/EnvNumbers.h"
 
 #include <tbb/blocked_range.h>
@@ -49,7 +50,7 @@ const AtrousSettings& AtrousSettings::fromEnvironment() {
 
 AtrousDenoiser::AtrousDenoiser(const AtrousSettings& settings)
     : settings_(settings), guidePlanes_(std::make_unique<AtrousGuidePlanes>()),
-      colourPlanes_(std::make_unique<AtrousColourPlanes>()) {}
+      colourPlanes_(std::make_unique<AtrousColourPlanes>()), restorePlanes_(std::make_unique<AtrousRestorePlanes>()) {}
 
 AtrousDenoiser::~AtrousDenoiser() = default;
 
@@ -102,9 +103,7 @@ void AtrousDenoiser::restore(float k, const float4* accum, const float4* guideB)
         });
         resid = colourB_.data();
     }
-    float4 c{k, 0, 0, 0};
-    forEachPixel(width_, height_,
-                 [&](uint32_t x, uint32_t y) { denoiseRestore2(accum, resid, noise_.data(), out_.data(), c, p, x, y); });
+    restoreCPU(accum, resid, noise_.data(), out_.data(), k, width_, height_, *restorePlanes_);
 }
 
 bool AtrousDenoiser::denoise(const float4* accum, const float4* guideA, const float4* guideB, uint32_t width,

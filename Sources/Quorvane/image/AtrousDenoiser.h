@@ -13,6 +13,7 @@ namespace qv {
 
 struct AtrousGuidePlanes;
 struct AtrousColourPlanes;
+struct AtrousRestorePlanes;
 
 // Tunables of the filter and restore. Defaults unless the QV_ switches hold
 // the accepted number of numbers:
@@ -73,6 +74,8 @@ private:
     // Structure-of-arrays scratch of the vectorised filter pass.
     std::unique_ptr<AtrousGuidePlanes> guidePlanes_;
     std::unique_ptr<AtrousColourPlanes> colourPlanes_;
+    // Structure-of-arrays scratch of the vectorised restore.
+    std::unique_ptr<AtrousRestorePlanes> restorePlanes_;
 };
 
 } // namespace qv
