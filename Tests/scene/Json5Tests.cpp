@@ -52,56 +52,33 @@ TEST(Json5Comments, AreWhiteSpace) {
     expectValid({
         {"// a\n1", 1},
         {"1 // trailing", 1},
-        {"/* block */ [1, /* inner */ 2]", json::array({1, 2})},
-        {"/* multi\nline\n*/ {a: 1}", json{{"a", 1}}},
-        {"/**/1", 1},
-        {"/* ** / */ 1", 1},
+        {"/* block */ [1, /* inner */ 2]", json::array({1, 2})}, {"/* multi\nline\n*/ {a: 1}", json{{"a", 1}}},
+        {"/**/1", 1}, {"/* ** / */ 1", 1},
         {"[1 // end of line\n, 2]", json::array({1, 2})},
     });
-    expectInvalid({
-        {"/* never closed", 1, 1},
-        {"1 / 2", 1, 3},
-        {"[1,\n  /* open", 2, 3},
-    });
+    expectInvalid({{"/* never closed", 1, 1}, {"1 / 2", 1, 3}, {"[1,\n  /* open", 2, 3}});
 }
 
 TEST(Json5TrailingCommas, OneIsAllowed) {
     expectValid({
-        {"[1, 2,]", json::array({1, 2})},
-        {"{a: 1,}", json{{"a", 1}}},
-        {"[[],]", json::array({json::array()})},
-        {"[]", json::array()},
-        {"{}", json::object()},
+        {"[1, 2,]", json::array({1, 2})}, {"{a: 1,}", json{{"a", 1}}}, {"[[],]", json::array({json::array()})},
+        {"[]", json::array()}, {"{}", json::object()},
     });
-    expectInvalid({
-        {"[,]", 1, 2},
-        {"[1,,]", 1, 4},
-        {"{,}", 1, 2},
-        {"{a: 1,,}", 1, 7},
-        {"[1 2]", 1, 4},
-    });
+    expectInvalid({{"[,]", 1, 2}, {"[1,,]", 1, 4}, {"{,}", 1, 2}, {"{a: 1,,}", 1, 7}, {"[1 2]", 1, 4}});
 }
 
 TEST(Json5Keys, IdentifiersAndStrings) {
     expectValid({
-        {"{a: 1}", json{{"a", 1}}},
-        {"{$_a9: 1}", json{{"$_a9", 1}}},
-        {"{_: 1, $: 2}", json{{"_", 1}, {"$", 2}}},
-        {"{'single': 1}", json{{"single", 1}}},
-        {"{\"double\": 1}", json{{"double", 1}}},
+        {"{a: 1}", json{{"a", 1}}}, {"{$_a9: 1}", json{{"$_a9", 1}}}, {"{_: 1, $: 2}", json{{"_", 1}, {"$", 2}}},
+        {"{'single': 1}", json{{"single", 1}}}, {"{\"double\": 1}", json{{"double", 1}}},
         {"{null: 1, true: 2, if: 3}", json{{"null", 1}, {"true", 2}, {"if", 3}}},
-        {"{\\u0061b: 1}", json{{"ab", 1}}},
-        {"{a\\u0062: 1}", json{{"ab", 1}}},
+        {"{\\u0061b: 1}", json{{"ab", 1}}}, {"{a\\u0062: 1}", json{{"ab", 1}}},
         {"{\xC3\xA9t\xC3\xA9: 1}", json{{"\xC3\xA9t\xC3\xA9", 1}}},     // été
         {"{\xE4\xB8\xAD\xE6\x96\x87: 1}", json{{"\xE4\xB8\xAD\xE6\x96\x87", 1}}}, // 中文
         {"{a: 1, a: 2}", json{{"a", 2}}},
     });
     expectInvalid({
-        {"{1a: 1}", 1, 2},
-        {"{a-b: 1}", 1, 3},
-        {"{a b: 1}", 1, 4},
-        {"{a 1}", 1, 4},
-        {"{\\u0031: 1}", 1, 2},
+        {"{1a: 1}", 1, 2}, {"{a-b: 1}", 1, 3}, {"{a b: 1}", 1, 4}, {"{a 1}", 1, 4}, {"{\\u0031: 1}", 1, 2},
         {"{\\x61: 1}", 1, 2},
         {"{\xE2\x82\xAC: 1}", 1, 2}, // the euro sign is a symbol, not a letter
         {"{a: 1", 1, 6},
@@ -110,135 +87,70 @@ TEST(Json5Keys, IdentifiersAndStrings) {
 
 TEST(Json5Strings, QuotesAndEscapes) {
     expectValid({
-        {"'single'", "single"},
-        {"\"double\"", "double"},
-        {"'It\"s'", "It\"s"},
-        {"\"It's\"", "It's"},
-        {"'\\''", "'"},
-        {"'\\b\\f\\n\\r\\t\\v\\\\\\/'", "\b\f\n\r\t\v\\/"},
-        {"'\\0'", std::string(1, '\0')},
-        {"'\\x41\\x7e'", "A~"},
-        {"'\\xe9'", "\xC3\xA9"},
-        {"'\\u00e9'", "\xC3\xA9"},
+        {"'single'", "single"}, {"\"double\"", "double"}, {"'It\"s'", "It\"s"}, {"\"It's\"", "It's"},
+        {"'\\''", "'"}, {"'\\b\\f\\n\\r\\t\\v\\\\\\/'", "\b\f\n\r\t\v\\/"}, {"'\\0'", std::string(1, '\0')},
+        {"'\\x41\\x7e'", "A~"}, {"'\\xe9'", "\xC3\xA9"}, {"'\\u00e9'", "\xC3\xA9"},
         {"'\\uD83D\\uDE00'", "\xF0\x9F\x98\x80"},
         {"'\\uD83D'", "\xEF\xBF\xBD"},        // lone high surrogate
         {"'\\uDE00x'", "\xEF\xBF\xBDx"},      // lone low surrogate
         {"'\\a\\c\\q'", "acq"},               // any other escaped character is itself
-        {"'line\\\ncontinued'", "linecontinued"},
-        {"'line\\\r\ncontinued'", "linecontinued"},
-        {"'line\\\rcontinued'", "linecontinued"},
-        {"'line\\\xE2\x80\xA8" "continued'", "linecontinued"},
+        {"'line\\\ncontinued'", "linecontinued"}, {"'line\\\r\ncontinued'", "linecontinued"},
+        {"'line\\\rcontinued'", "linecontinued"}, {"'line\\\xE2\x80\xA8" "continued'", "linecontinued"},
         {"'tab\there'", "tab\there"},
         {"'\xE2\x80\xA8'", "\xE2\x80\xA8"},   // U+2028 may appear unescaped
         {"'caf\xC3\xA9'", "caf\xC3\xA9"},
     });
     expectInvalid({
-        {"'unterminated", 1, 1},
-        {"'line\nbreak'", 1, 6},
-        {"\"a\rb\"", 1, 3},
-        {"'\\1'", 1, 2},
-        {"'\\01'", 1, 2},
-        {"'\\x4'", 1, 5},
-        {"'\\u12g4'", 1, 6},
-        {"'mismatched\"", 1, 1},
+        {"'unterminated", 1, 1}, {"'line\nbreak'", 1, 6}, {"\"a\rb\"", 1, 3}, {"'\\1'", 1, 2}, {"'\\01'", 1, 2},
+        {"'\\x4'", 1, 5}, {"'\\u12g4'", 1, 6}, {"'mismatched\"", 1, 1},
     });
 }
 
 TEST(Json5Numbers, DecimalForms) {
     expectValid({
-        {"0", 0},
-        {"42", 42},
-        {"-7", -7},
-        {"+7", 7},
-        {".5", 0.5},
-        {"5.", 5.0},
-        {"+.5", 0.5},
-        {"-5.", -5.0},
-        {"1e3", 1000.0},
-        {"1E-2", 0.01},
-        {"5.e1", 50.0},
-        {".5e+1", 5.0},
-        {"0.25", 0.25},
+        {"0", 0}, {"42", 42}, {"-7", -7}, {"+7", 7}, {".5", 0.5}, {"5.", 5.0}, {"+.5", 0.5}, {"-5.", -5.0},
+        {"1e3", 1000.0}, {"1E-2", 0.01}, {"5.e1", 50.0}, {".5e+1", 5.0}, {"0.25", 0.25},
         {"9223372036854775807", int64_t(9223372036854775807)},
         {"18446744073709551615", uint64_t(18446744073709551615ull)},
         {"-9223372036854775808", std::numeric_limits<int64_t>::min()},
     });
     expectInvalid({
-        {"01", 1, 2},
-        {"00", 1, 2},
-        {".", 1, 2},
-        {"-", 1, 2},
-        {"1e", 1, 3},
-        {"1e+", 1, 4},
-        {"1a", 1, 2},
-        {"1.5.3", 1, 4},
-        {"--1", 1, 2},
-        {"+-1", 1, 2},
-        {"1_000", 1, 2},
+        {"01", 1, 2}, {"00", 1, 2}, {".", 1, 2}, {"-", 1, 2}, {"1e", 1, 3}, {"1e+", 1, 4}, {"1a", 1, 2},
+        {"1.5.3", 1, 4}, {"--1", 1, 2}, {"+-1", 1, 2}, {"1_000", 1, 2},
     });
 }
 
 TEST(Json5Numbers, HexadecimalForms) {
     expectValid({
-        {"0x0", 0},
-        {"0xFF", 255},
-        {"0Xff", 255},
-        {"-0x10", -16},
-        {"+0xa", 10},
-        {"0xFFFFFFFFFFFFFFFF", uint64_t(0xFFFFFFFFFFFFFFFFull)},
-        {"0x10000000000000000", 18446744073709551616.0},
+        {"0x0", 0}, {"0xFF", 255}, {"0Xff", 255}, {"-0x10", -16}, {"+0xa", 10},
+        {"0xFFFFFFFFFFFFFFFF", uint64_t(0xFFFFFFFFFFFFFFFFull)}, {"0x10000000000000000", 18446744073709551616.0},
     });
-    expectInvalid({
-        {"0x", 1, 3},
-        {"0xG", 1, 3},
-        {"0x1g", 1, 4},
-        {"0x1.5", 1, 4},
-    });
+    expectInvalid({{"0x", 1, 3}, {"0xG", 1, 3}, {"0x1g", 1, 4}, {"0x1.5", 1, 4}});
 }
 
-TEST(Json5Numbers, InfinityAndNaN) {
-    json inf = parseJson5("Infinity");
-    EXPECT_TRUE(std::isinf(inf.get<double>()) && inf.get<double>() > 0);
-    json negInf = parseJson5("-Infinity");
-    EXPECT_TRUE(std::isinf(negInf.get<double>()) && negInf.get<double>() < 0);
-    EXPECT_TRUE(std::isinf(parseJson5("+Infinity").get<double>()));
+TEST(Json5Numbers, InfinityNaNAndExtremesFollowDoubleArithmetic) {
+    // Beyond double range a literal reads as Infinity, below it as zero, as in ECMAScript.
+    const double inf = std::numeric_limits<double>::infinity();
+    const std::pair<const char*, double> cases[] = {
+        {"Infinity", inf}, {"-Infinity", -inf}, {"+Infinity", inf}, {"1e400", inf}, {"-1e400", -inf},
+        {"1e-400", 0.0}, {"0.000000000000000000000000000001e-400", 0.0}, {"1e99999999999999999999", inf},
+        {"123456789012345678901234567890", 123456789012345678901234567890.0},
+    };
+    for (const auto& [text, value] : cases) EXPECT_EQ(parseJson5(text).get<double>(), value) << text;
     EXPECT_TRUE(std::isnan(parseJson5("NaN").get<double>()));
     EXPECT_TRUE(std::isnan(parseJson5("-NaN").get<double>()));
-    expectInvalid({
-        {"Inf", 1, 4},
-        {"infinity", 1, 1},
-        {"nan", 1, 1},
-        {"NaNa", 1, 4},
-        {"Infinityx", 1, 9},
-    });
-}
-
-TEST(Json5Numbers, ExtremesFollowDoubleArithmetic) {
-    // Beyond double range a literal reads as Infinity, below it as zero, as in ECMAScript.
-    EXPECT_EQ(parseJson5("1e400").get<double>(), std::numeric_limits<double>::infinity());
-    EXPECT_EQ(parseJson5("-1e400").get<double>(), -std::numeric_limits<double>::infinity());
-    EXPECT_EQ(parseJson5("1e-400").get<double>(), 0.0);
-    EXPECT_EQ(parseJson5("123456789012345678901234567890").get<double>(), 123456789012345678901234567890.0);
-    EXPECT_EQ(parseJson5("0.000000000000000000000000000001e-400").get<double>(), 0.0);
-    EXPECT_EQ(parseJson5("1e99999999999999999999").get<double>(), std::numeric_limits<double>::infinity());
     json negativeZero = parseJson5("-0");
     ASSERT_TRUE(negativeZero.is_number_float());
     EXPECT_TRUE(std::signbit(negativeZero.get<double>()));
+    expectInvalid({{"Inf", 1, 4}, {"infinity", 1, 1}, {"nan", 1, 1}, {"NaNa", 1, 4}, {"Infinityx", 1, 9}});
 }
 
 TEST(Json5Literals, NullTrueFalse) {
     expectValid({
-        {"null", nullptr},
-        {"true", true},
-        {"false", false},
+        {"null", nullptr}, {"true", true}, {"false", false},
         {"[true,false,null]", json::array({true, false, nullptr})},
     });
-    expectInvalid({
-        {"True", 1, 1},
-        {"nul", 1, 1},
-        {"undefined", 1, 1},
-        {"truex", 1, 1},
-    });
+    expectInvalid({{"True", 1, 1}, {"nul", 1, 1}, {"undefined", 1, 1}, {"truex", 1, 1}});
 }
 
 TEST(Json5WhiteSpace, EcmaScriptSet) {
@@ -259,13 +171,7 @@ TEST(Json5Structure, TopLevelAndNesting) {
         {"  'just a string'  ", "just a string"},
     });
     expectInvalid({
-        {"", 1, 1},
-        {"   ", 1, 4},
-        {"1 2", 1, 3},
-        {"{} {}", 1, 4},
-        {"[1]]", 1, 4},
-        {"{a: 1}}", 1, 7},
-        {"[", 1, 2},
+        {"", 1, 1}, {"   ", 1, 4}, {"1 2", 1, 3}, {"{} {}", 1, 4}, {"[1]]", 1, 4}, {"{a: 1}}", 1, 7}, {"[", 1, 2},
         {"{a:}", 1, 4},
     });
 }
@@ -291,11 +197,6 @@ TEST(Json5BadInput, InvalidUtf8IsRejectedWhereItStands) {
         {"[1, \x80]", 1, 5},
         {"// \xFE\n1", 1, 4},
     });
-    try {
-        parseJson5("'\xFF'");
-    } catch (const Json5Error& e) {
-        EXPECT_STREQ(e.what(), "invalid UTF-8 byte 0xFF at line 1, column 2");
-    }
 }
 
 TEST(Json5BadInput, DeepNestingFailsInsteadOfOverflowingTheStack) {
@@ -345,6 +246,7 @@ TEST(Json5Errors, MessagesNameTheProblem) {
         {"01", "invalid number: leading zeros are not allowed at line 1, column 2"},
         {"", "unexpected end of input where a value was expected at line 1, column 1"},
         {"{a 1}", "expected ':' after the key, found character '1' at line 1, column 4"},
+        {"'\xFF'", "invalid UTF-8 byte 0xFF at line 1, column 2"},
     };
     for (const Case& c : cases) {
         try {

@@ -34,79 +34,56 @@ std::string camera(const std::string& name, const std::string& extra = "") {
            "}";
 }
 
-struct WarningCase {
-    const char* what;
-    std::string text;
-    std::string warning;
-};
-
 TEST(SceneDescriptionWarnings, EachCheckWarnsWithItsExactText) {
-    const std::string p = "warning: scene.json";
-    const std::vector<WarningCase> cases = {
-        {"version", "{version: 2}", p + ": version 2 (this renderer reads version 1)"},
-        {"north_deg", "{north_deg: Infinity}", p + ": north_deg is not finite - using 0"},
-        {"north_deg overflow", "{north_deg: 1e39}", p + ": north_deg is not finite - using 0"},
-        {"light type", "{lights: [{id: 'L1', position: 'x'}]}",
-         p + ": lights[0] (id L1) skipped: lights[0].position: expected array (found a string)"},
-        {"light missing", "{lights: [{kind: 'pendant'}]}",
-         p + ": lights[0] skipped: lights[0]: missing required field 'position'"},
-        {"light not object", "{lights: [3]}", p + ": lights[0] skipped: lights[0]: expected object (found a number)"},
-        {"light element", "{lights: [{id: 'a', position: [1, 'x', 3]}]}",
-         p + ": lights[0] (id a) skipped: lights[0].position[1]: expected number (found a string)"},
-        {"light null", "{lights: [{position: null}]}", p + ": lights[0] skipped: lights[0].position: missing array value"},
-        {"render_defaults", "{render_defaults: 5}",
-         p + ": render_defaults ignored: render_defaults: expected object (found a number)"},
-        {"render_defaults member", "{render_defaults: {wb_kelvin_interior: 'warm'}}",
-         p + ": render_defaults ignored: render_defaults.wb_kelvin_interior: expected number (found a string)"},
-        {"render_defaults range", "{render_defaults: {wb_kelvin_exterior_dusk: 999.5}}",
-         p + ": render_defaults.wb_kelvin_exterior_dusk 999.5 is outside 1000-25000 - ignored"},
-        {"render_defaults high", "{render_defaults: {wb_kelvin_interior_night: 25001}}",
-         p + ": render_defaults.wb_kelvin_interior_night 25001.0 is outside 1000-25000 - ignored"},
-        {"camera unreadable", "{cameras: [{name: 'A', eye: [0, 1, 0]}]}",
-         p + ": cameras[0] skipped: cameras[0]: missing required field 'target'"},
-        {"camera name type", "{cameras: [{name: 7, eye: [0, 1, 0], target: [1, 1, 0]}]}",
-         p + ": cameras[0] skipped: cameras[0].name: expected string (found a number)"},
-        {"camera short eye", "{cameras: [{name: 'A', eye: [0, 1], target: [1, 1, 0]}]}",
-         p + ": cameras[0] (A) skipped: eye and target must be 3 finite numbers"},
-        {"camera NaN target", "{cameras: [{name: 'A', eye: [0, 1, 0], target: [NaN, 1, 0]}]}",
-         p + ": cameras[0] (A) skipped: eye and target must be 3 finite numbers"},
-        {"camera coincide", "{cameras: [{name: 'A', eye: [0, 1, 0], target: [0, 1, 0.000001]}]}",
-         p + ": cameras[0] (A) skipped: eye and target coincide"},
-        {"fov zero", "{cameras: [" + camera("A", "fov_deg: 0") + "]}",
-         p + ": cameras[0] (A) fov_deg 0.0 is outside 0.1-179.0 - using 70.0"},
-        {"fov high", "{cameras: [" + camera("A", "fov_deg: 179.5") + "]}",
-         p + ": cameras[0] (A) fov_deg 179.5 is outside 0.1-179.0 - using 70.0"},
-        {"fov NaN", "{cameras: [" + camera("A", "fov_deg: NaN") + "]}",
-         p + ": cameras[0] (A) fov_deg nan is outside 0.1-179.0 - using 70.0"},
-        {"fov_axis", "{cameras: [" + camera("A", "fov_axis: 'Diagonal'") + "]}",
-         p + ": cameras[0] (A) fov_axis 'Diagonal' is not vertical or horizontal - using vertical"},
-        {"time", "{cameras: [" + camera("A", "time: 'noon'") + "]}",
-         p + ": cameras[0] (A) time 'noon' is not day, dusk or night - ignored"},
-        {"exposure_ev", "{cameras: [" + camera("A", "exposure_ev: -10.5") + "]}",
-         p + ": cameras[0] (A) exposure_ev -10.5 is outside -10..10 - ignored"},
-        {"exposure_ev inf", "{cameras: [" + camera("A", "exposure_ev: Infinity") + "]}",
-         p + ": cameras[0] (A) exposure_ev inf is outside -10..10 - ignored"},
-        {"wb_kelvin", "{cameras: [" + camera("A", "wb_kelvin: 30000") + "]}",
-         p + ": cameras[0] (A) wb_kelvin 30000.0 is outside 1000-25000 - ignored"},
-        {"site unreadable", "{site: {latitude: 'north'}}",
-         p + ": site ignored: site.latitude: expected number (found a string)"},
-        {"site not object", "{site: []}", p + ": site ignored: site: expected object (found an array)"},
-        {"site latitude", "{site: {latitude: 95, longitude: 10}}",
-         p + ": site ignored: it needs latitude (-90..90) and longitude (-180..180), and utc_offset_hours within 14"},
-        {"site longitude missing", "{site: {latitude: 45}}",
-         p + ": site ignored: it needs latitude (-90..90) and longitude (-180..180), and utc_offset_hours within 14"},
-        {"site offset", "{site: {latitude: 45, longitude: 10, utc_offset_hours: 14.5}}",
-         p + ": site ignored: it needs latitude (-90..90) and longitude (-180..180), and utc_offset_hours within 14"},
-        {"default_camera", "{cameras: [" + camera("A") + "], default_camera: 'B'}",
-         p + ": default_camera 'B' is not among the cameras"},
-        {"default_camera case", "{cameras: [" + camera("A") + "], default_camera: 'a'}",
-         p + ": default_camera 'a' is not among the cameras"},
+    const std::string site =
+        "site ignored: it needs latitude (-90..90) and longitude (-180..180), and utc_offset_hours within 14";
+    auto cam = [](const std::string& extra) { return "{cameras: [" + camera("A", extra) + "]}"; };
+    const std::pair<std::string, std::string> cases[] = { // text, warning after "warning: scene.json: "
+        {"{version: 2}", "version 2 (this renderer reads version 1)"},
+        {"{north_deg: Infinity}", "north_deg is not finite - using 0"},
+        {"{north_deg: 1e39}", "north_deg is not finite - using 0"},
+        {"{lights: [{id: 'L1', position: 'x'}]}",
+         "lights[0] (id L1) skipped: lights[0].position: expected array (found a string)"},
+        {"{lights: [{kind: 'pendant'}]}", "lights[0] skipped: lights[0]: missing required field 'position'"},
+        {"{lights: [3]}", "lights[0] skipped: lights[0]: expected object (found a number)"},
+        {"{lights: [{id: 'a', position: [1, 'x', 3]}]}",
+         "lights[0] (id a) skipped: lights[0].position[1]: expected number (found a string)"},
+        {"{lights: [{position: null}]}", "lights[0] skipped: lights[0].position: missing array value"},
+        {"{render_defaults: 5}", "render_defaults ignored: render_defaults: expected object (found a number)"},
+        {"{render_defaults: {wb_kelvin_interior: 'warm'}}",
+         "render_defaults ignored: render_defaults.wb_kelvin_interior: expected number (found a string)"},
+        {"{render_defaults: {wb_kelvin_exterior_dusk: 999.5}}",
+         "render_defaults.wb_kelvin_exterior_dusk 999.5 is outside 1000-25000 - ignored"},
+        {"{render_defaults: {wb_kelvin_interior_night: 25001}}",
+         "render_defaults.wb_kelvin_interior_night 25001.0 is outside 1000-25000 - ignored"},
+        {"{cameras: [{name: 'A', eye: [0, 1, 0]}]}", "cameras[0] skipped: cameras[0]: missing required field 'target'"},
+        {"{cameras: [{name: 7, eye: [0, 1, 0], target: [1, 1, 0]}]}",
+         "cameras[0] skipped: cameras[0].name: expected string (found a number)"},
+        {"{cameras: [{name: 'A', eye: [0, 1], target: [1, 1, 0]}]}",
+         "cameras[0] (A) skipped: eye and target must be 3 finite numbers"},
+        {"{cameras: [{name: 'A', eye: [0, 1, 0], target: [NaN, 1, 0]}]}",
+         "cameras[0] (A) skipped: eye and target must be 3 finite numbers"},
+        {"{cameras: [{name: 'A', eye: [0, 1, 0], target: [0, 1, 0.000001]}]}",
+         "cameras[0] (A) skipped: eye and target coincide"},
+        {cam("fov_deg: 0"), "cameras[0] (A) fov_deg 0.0 is outside 0.1-179.0 - using 70.0"},
+        {cam("fov_deg: 179.5"), "cameras[0] (A) fov_deg 179.5 is outside 0.1-179.0 - using 70.0"},
+        {cam("fov_deg: NaN"), "cameras[0] (A) fov_deg nan is outside 0.1-179.0 - using 70.0"},
+        {cam("fov_axis: 'Diagonal'"), "cameras[0] (A) fov_axis 'Diagonal' is not vertical or horizontal - using vertical"},
+        {cam("time: 'noon'"), "cameras[0] (A) time 'noon' is not day, dusk or night - ignored"},
+        {cam("exposure_ev: -10.5"), "cameras[0] (A) exposure_ev -10.5 is outside -10..10 - ignored"},
+        {cam("exposure_ev: Infinity"), "cameras[0] (A) exposure_ev inf is outside -10..10 - ignored"},
+        {cam("wb_kelvin: 30000"), "cameras[0] (A) wb_kelvin 30000.0 is outside 1000-25000 - ignored"},
+        {"{site: {latitude: 'north'}}", "site ignored: site.latitude: expected number (found a string)"},
+        {"{site: []}", "site ignored: site: expected object (found an array)"},
+        {"{site: {latitude: 95, longitude: 10}}", site},
+        {"{site: {latitude: 45}}", site},
+        {"{site: {latitude: 45, longitude: 10, utc_offset_hours: 14.5}}", site},
+        {"{cameras: [" + camera("A") + "], default_camera: 'B'}", "default_camera 'B' is not among the cameras"},
+        {"{cameras: [" + camera("A") + "], default_camera: 'a'}", "default_camera 'a' is not among the cameras"},
     };
-    for (const WarningCase& c : cases) {
-        SCOPED_TRACE(c.what);
-        Loaded loaded = parseScene(c.text);
-        ASSERT_EQ(loaded.lines.size(), 1u);
-        EXPECT_EQ(loaded.lines[0], c.warning);
+    for (const auto& [text, warning] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(parseScene(text).lines, std::vector<std::string>{"warning: scene.json: " + warning});
     }
 }
 
@@ -213,28 +190,19 @@ TEST(SceneDescriptionRecords, FullFileReadsOneToOne) {
     EXPECT_EQ(s.site->utcOffsetHours, 10.0);
 }
 
-TEST(SceneDescriptionRecords, SiteWithoutOffsetHasNoTimeZone) {
-    Loaded a = parseScene("{site: {latitude: 45, longitude: 10}}");
-    EXPECT_TRUE(a.lines.empty());
-    ASSERT_TRUE(a.scene.site);
-    EXPECT_FALSE(a.scene.site->utcOffsetHours.has_value());
-}
-
-TEST(SceneDescriptionRecords, NullMeansAbsentForOptionalKeys) {
-    Loaded a = parseScene("{version: null, north_deg: null, cameras: [" + camera("A", "fov_deg: null") + "]}");
+TEST(SceneDescriptionRecords, NullOrMissingMeansAbsentForOptionalKeys) {
+    Loaded a = parseScene("{version: null, north_deg: null, site: {latitude: 45, longitude: 10}, cameras: [" +
+                          camera("A", "fov_deg: null") + "]}");
     EXPECT_TRUE(a.lines.empty());
     EXPECT_FALSE(a.scene.version);
     EXPECT_FALSE(a.scene.northDeg);
     EXPECT_FALSE(a.scene.cameras.at(0).fovDeg);
+    ASSERT_TRUE(a.scene.site);
+    EXPECT_FALSE(a.scene.site->utcOffsetHours.has_value()); // no offset: no time zone
 }
 
-struct FailureCase {
-    const char* text;
-    const char* message;
-};
-
 TEST(SceneDescriptionFailures, TopLevelProblemsFailTheFile) {
-    const FailureCase cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"{north_deg: 'east'}", "could not parse /house/scene.json: north_deg: expected number (found a string)"},
         {"{version: 1.5}", "could not parse /house/scene.json: version: expected integer (the number 1.5 does not fit)"},
         {"{version: '1'}", "could not parse /house/scene.json: version: expected integer (found a string)"},
@@ -246,12 +214,12 @@ TEST(SceneDescriptionFailures, TopLevelProblemsFailTheFile) {
         {"{cameras: [}", "could not parse /house/scene.json: unexpected character '}' where a value was expected at line 1, column 12"},
         {"{\n  a: 1,\n  b: \xFF\n}", "could not parse /house/scene.json: invalid UTF-8 byte 0xFF at line 3, column 6"},
     };
-    for (const FailureCase& c : cases) {
+    for (const auto& [text, message] : cases) {
         try {
-            parseScene(c.text);
-            ADD_FAILURE() << "accepted " << c.text;
+            parseScene(text);
+            ADD_FAILURE() << "accepted " << text;
         } catch (const SceneError& e) {
-            EXPECT_EQ(e.description(), c.message);
+            EXPECT_EQ(e.description(), message);
         }
     }
 }
@@ -272,40 +240,30 @@ protected:
     }
 };
 
-TEST_F(SceneFiles, UnreadableFilesFailWithTheSystemsReason) {
-    const std::string missing = (dir / "missing.json").string();
+std::string loadError(const std::string& path) {
     try {
-        SceneDescription::load(missing, {});
-        ADD_FAILURE();
+        SceneDescription::load(path, {});
     } catch (const SceneError& e) {
-        EXPECT_EQ(e.description(), "could not read " + missing + ": No such file or directory");
+        return e.description();
     }
-    try {
-        SceneDescription::load(dir.string(), {});
-        ADD_FAILURE();
-    } catch (const SceneError& e) {
-        EXPECT_EQ(e.description(), "could not read " + dir.string() + ": Is a directory");
-    }
+    return "(loaded)";
 }
 
-TEST_F(SceneFiles, OversizedFileFailsWithoutBeingRead) {
+TEST_F(SceneFiles, UnreadableFilesFailWithTheSystemsReason) {
+    const std::string missing = (dir / "missing.json").string(), big = (dir / "big.json").string();
     // A sparse file just above the cap: refused from its size, no 64 MB is read.
-    const fs::path big = dir / "big.json";
     std::ofstream(big).put(' ');
     fs::resize_file(big, kMaxContractFileBytes + 1);
-    try {
-        SceneDescription::load(big.string(), {});
-        ADD_FAILURE();
-    } catch (const SceneError& e) {
-        EXPECT_EQ(e.description(), "could not read " + big.string() + ": the file is larger than 64 MB");
-    }
+    EXPECT_EQ(loadError(missing), "could not read " + missing + ": No such file or directory");
+    EXPECT_EQ(loadError(dir.string()), "could not read " + dir.string() + ": Is a directory");
+    EXPECT_EQ(loadError(big), "could not read " + big + ": the file is larger than 64 MB");
 }
 
 TEST_F(SceneFiles, BinaryGarbageFailsToParse) {
     std::string garbage;
     for (int i = 0; i < 1000; ++i) garbage += static_cast<char>((i * 7919) & 0xFF);
     const std::string path = write("garbage.json", garbage);
-    EXPECT_THROW(SceneDescription::load(path, {}), SceneError);
+    EXPECT_NE(loadError(path), "(loaded)");
 }
 
 TEST_F(SceneFiles, WarningsNameTheFilesLastComponent) {
@@ -376,29 +334,21 @@ TEST(CameraDefFieldOfView, EitherAxis) {
         {90.0f, "h", 0.0f, 2 * std::atan(1.0 / 1e-6) * deg, 90.0}, // a degenerate aspect is guarded
     };
     for (const Case& c : cases) {
-        CameraDef cam;
-        cam.fovDeg = c.fov;
-        cam.fovAxis = c.axis;
+        const CameraDef cam{.fovDeg = c.fov, .fovAxis = c.axis};
         EXPECT_NEAR(cam.verticalFovDeg(c.aspect), c.vertical, 1e-4);
         EXPECT_NEAR(cam.horizontalFovDeg(c.aspect), c.horizontal, 1e-4);
     }
-    CameraDef h;
-    h.fovDeg = 60;
-    h.fovAxis = "horizontal";
+    CameraDef h{.fovDeg = 60.0f, .fovAxis = "horizontal"};
     EXPECT_NEAR(h.verticalFovDeg(16.0f / 9.0f), 36.0, 0.05);
 }
 
 TEST(CameraDefLook, AppliesOnlyAtTheCamerasTime) {
-    CameraDef dusk;
-    dusk.time = TimeOfDay::dusk;
-    dusk.exposureEV = 1.5f;
-    dusk.wbKelvin = 4000.0f;
+    const CameraDef dusk{.time = TimeOfDay::dusk, .exposureEV = 1.5f, .wbKelvin = 4000.0f};
     EXPECT_EQ(dusk.lookExposureEV(TimeOfDay::dusk), 1.5f);
     EXPECT_EQ(dusk.lookExposureEV(TimeOfDay::day), 0.0f);
     EXPECT_EQ(dusk.lookWbKelvin(TimeOfDay::dusk), 4000.0f);
     EXPECT_FALSE(dusk.lookWbKelvin(TimeOfDay::night));
-    CameraDef any;
-    any.exposureEV = -2.0f;
+    const CameraDef any{.exposureEV = -2.0f};
     for (TimeOfDay t : {TimeOfDay::day, TimeOfDay::dusk, TimeOfDay::night}) {
         EXPECT_TRUE(any.lookApplies(t));
         EXPECT_EQ(any.lookExposureEV(t), -2.0f);
