@@ -59,12 +59,8 @@ TEST(TextureMips, ChainRunsDownToOneTexelAndKeepsAUniformColour) {
     for (size_t l = 0; l < chain.size(); ++l) {
         size_t side = size_t(64) >> l;
         ASSERT_EQ(chain[l].size(), side * side * 4) << l;
-        for (size_t i = 0; i < chain[l].size(); i += 4) {
-            ASSERT_EQ(chain[l][i], 200);
-            ASSERT_EQ(chain[l][i + 1], 37);
-            ASSERT_EQ(chain[l][i + 2], 3);
-            ASSERT_EQ(chain[l][i + 3], 77);
-        }
+        for (size_t i = 0; i < chain[l].size(); i += 4)
+            ASSERT_EQ(std::vector<uint8_t>(&chain[l][i], &chain[l][i] + 4), (std::vector<uint8_t>{200, 37, 3, 77})) << l;
     }
 }
 
@@ -136,12 +132,7 @@ TEST(TextureBuild, LayersFollowSortedTextureIndicesWithWrapModesAndSize) {
     m.model.textures.push_back(std::nullopt); // failed to decode
     m.addTexture("big", solid(1000, 1000, 200, 100, 50, 255));
     m.addTexture("unused", solid(4, 4, 0, 0, 0, 255));
-    m.addMaterial(2);
-    m.addMaterial(0);
-    m.addMaterial(1);
-    m.addMaterial(std::nullopt);
-    m.addMaterial(2);
-    m.addMaterial(17);
+    for (int t : {2, 0, 1, -1, 2, 17}) m.addMaterial(t < 0 ? std::nullopt : std::optional(t));
     TextureSet set;
     EXPECT_TRUE(collect(m.model, set).empty());
     EXPECT_EQ(set.size, 1024);
@@ -160,31 +151,25 @@ TEST(TextureBuild, LayersFollowSortedTextureIndicesWithWrapModesAndSize) {
     EXPECT_EQ(set.array.texels.size(), static_cast<size_t>(2 * layerBytes));
     // Uniform images stay uniform at every level of their layer.
     const uint8_t* top = set.array.level(1, 10);
-    EXPECT_EQ(top[0], 200);
-    EXPECT_EQ(top[1], 100);
-    EXPECT_EQ(top[2], 50);
-    EXPECT_EQ(top[3], 255);
+    EXPECT_EQ(std::vector<uint8_t>(top, top + 4), (std::vector<uint8_t>{200, 100, 50, 255}));
     EXPECT_EQ(set.array.level(0, 3)[2], 30);
 }
 
-TEST(TextureBuild, SmallTextureGivesTheMinimumArray) {
-    TexturedModel m;
-    m.addTexture("tiny", solid(32, 32, 1, 2, 3, 4));
-    m.addMaterial(0);
+TEST(TextureBuild, SmallTexturesGiveTheMinimumArrayAndNoneThePlaceholder) {
+    TexturedModel small;
+    small.addTexture("tiny", solid(32, 32, 1, 2, 3, 4));
+    small.addMaterial(0);
     TextureSet set;
-    collect(m.model, set);
+    collect(small.model, set);
     EXPECT_EQ(set.size, 64);
     EXPECT_EQ(set.array.levels, 7);
     EXPECT_EQ(set.layerOfTexture.at(0), 0);
-}
 
-TEST(TextureBuild, NoUsableTextureGivesThePlaceholder) {
-    TexturedModel m;
-    m.model.textures.push_back(std::nullopt);
-    m.addMaterial(0);
-    m.addMaterial(std::nullopt);
-    TextureSet set;
-    EXPECT_TRUE(collect(m.model, set).empty());
+    TexturedModel none;
+    none.model.textures.push_back(std::nullopt);
+    none.addMaterial(0);
+    none.addMaterial(std::nullopt);
+    EXPECT_TRUE(collect(none.model, set).empty());
     EXPECT_EQ(set.size, 1);
     EXPECT_EQ(set.bytes, 4);
     EXPECT_EQ(set.array.layers, 1);
@@ -212,10 +197,8 @@ TEST(TextureBuild, AnImageThatCannotBeConvertedIsDrawnWhiteWithAWarning) {
 }
 
 TEST(TextureBuild, WrapCodes) {
-    EXPECT_EQ(wrapModeOfGLTF(10497), 0.0f);
-    EXPECT_EQ(wrapModeOfGLTF(33071), 1.0f);
-    EXPECT_EQ(wrapModeOfGLTF(33648), 2.0f);
-    EXPECT_EQ(wrapModeOfGLTF(12345), 0.0f);
+    for (auto [code, mode] : {std::pair{10497, 0.0f}, {33071, 1.0f}, {33648, 2.0f}, {12345, 0.0f}})
+        EXPECT_EQ(wrapModeOfGLTF(code), mode) << code;
 }
 
 } // namespace
