@@ -211,28 +211,23 @@ TEST(CutawayLamps, GroundFloorViewSwitchesOffTheStoreyAbove) {
 }
 
 TEST(CutawayRooms, RoomsAreGroupedAndSortedByDisplayName) {
-    LightDef strip = lampAt({0, 2, 0}, "Kitchen");
+    LightDef strip = lampAt({0, 2, 0}, "Kitchen"), kitchen = strip, loose = lampAt({0, 2, 0}),
+             bath = lampAt({0, 2, 0}, "Bath"), unknown = bath;
     strip.end = std::vector<float>{3, 2, 4};
     strip.lumensPerM = 100;
-    LightDef kitchen = lampAt({0, 2, 0}, "Kitchen");
     kitchen.lumens = 800;
-    LightDef loose = lampAt({0, 2, 0});
     loose.lumens = 600;
-    LightDef bath = lampAt({0, 2, 0}, "Bath");
     bath.lumens = INFINITY;
-    LightDef unknown = lampAt({0, 2, 0}, "Bath");
     std::vector<RoomInfo> rooms = roomList({kitchen, loose, bath, strip, unknown});
     ASSERT_EQ(rooms.size(), 3u);
     EXPECT_EQ(roomDisplayName(rooms[0].key), "(no room)");
-    EXPECT_EQ(rooms[0].key, "");
-    EXPECT_EQ(rooms[0].count, 1);
-    EXPECT_FLOAT_EQ(rooms[0].lumens, 600);
-    EXPECT_EQ(rooms[1].key, "Bath");
-    EXPECT_EQ(rooms[1].count, 2);
-    EXPECT_FLOAT_EQ(rooms[1].lumens, 0) << "a non-finite flux and a missing one count 0";
-    EXPECT_EQ(rooms[2].key, "Kitchen");
-    EXPECT_EQ(rooms[2].count, 2);
-    EXPECT_FLOAT_EQ(rooms[2].lumens, 800 + 100 * 5);
+    // A non-finite flux and a missing one count 0; the strip gives 100 lm/m over its 5 m.
+    const std::tuple<std::string, int, float> expected[] = {{"", 1, 600}, {"Bath", 2, 0}, {"Kitchen", 2, 800 + 100 * 5}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(rooms[i].key, std::get<0>(expected[i]));
+        EXPECT_EQ(rooms[i].count, std::get<1>(expected[i])) << rooms[i].key;
+        EXPECT_FLOAT_EQ(rooms[i].lumens, std::get<2>(expected[i])) << rooms[i].key;
+    }
 }
 
 TEST(CutawayRooms, DisabledRoomsDropTheirLamps) {

@@ -46,7 +46,6 @@ GLBWriter nestedChain(int depth) {
 }
 
 TEST(GLBGeometry, TransformsBoundsAndCounts) {
-    const float s = std::sqrt(0.5f);
     const GeometryCase cases[] = {
         {"no scene and no nodes: meshes untransformed",
          [] {
@@ -240,7 +239,6 @@ TEST(GLBGeometry, TransformsBoundsAndCounts) {
             EXPECT_NEAR(m.coreBoundsMax[k], coreMax[k], tol) << "axis " << k;
         }
     }
-    (void)s;
 }
 
 TEST(GLBGeometry, SkippedAndDroppedPrimitivesAreReportedOnStandardError) {
