@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 namespace qv {
 namespace {
@@ -139,6 +140,10 @@ bool frameIsWhole(const fs::path& folder, int64_t index) {
     return image && image->width == kFrameW && image->height == kFrameH && image->pixels == framePixels(index);
 }
 
+void writeFrames(const fs::path& folder, std::initializer_list<int64_t> indices) {
+    for (int64_t i : indices) PNGWriter::write(framePixels(i), kFrameW, kFrameH, folder / PathRender::frameFileName(i));
+}
+
 std::vector<std::string> folderEntries(const fs::path& folder) {
     std::vector<std::string> names;
     for (const auto& e : fs::directory_iterator(folder)) names.push_back(e.path().filename().string());
@@ -150,11 +155,10 @@ std::vector<std::string> folderEntries(const fs::path& folder) {
 // Frame count, names and the report lines
 
 TEST(PathFrames, CountRoundsHalvesAwayFromZero) {
-    EXPECT_EQ(PathRender::frameCount(30, 2.0), 61);
-    EXPECT_EQ(PathRender::frameCount(2, 1.25), 4);
-    EXPECT_EQ(PathRender::frameCount(30, 10), 301);
-    EXPECT_EQ(PathRender::frameCount(29.97, 2.0), 61);
-    EXPECT_EQ(PathRender::frameCount(24, 0), 1);
+    const std::tuple<double, double, int64_t> counts[] = {{30, 2.0, 61}, {2, 1.25, 4}, {30, 10, 301}, {29.97, 2.0, 61},
+                                                          {24, 0, 1}};
+    for (const auto& [fps, seconds, frames] : counts)
+        EXPECT_EQ(PathRender::frameCount(fps, seconds), frames) << fps << " fps, " << seconds << " s";
     EXPECT_EQ(PathRender::frameFileName(42), "frame_00042.png");
     EXPECT_EQ(PathRender::frameFileName(123456), "frame_123456.png");
     EXPECT_EQ(PathRender::partialFrameFileName(42), ".frame_00042.partial.png");
@@ -187,15 +191,9 @@ TEST(PathFrames, ReportLinesOfAFullRun) {
     EXPECT_EQ(fake.temporalWanted, false);
 }
 
-TEST(PathFrames, VideoDenoiseLines) {
-    using VD = CLIOptions::VideoDenoise;
-    EXPECT_EQ(PathRender::videoDenoiseLine(VD::temporal, 256, std::nullopt),
-              "video denoise: temporal (MetalFX history across frames, motion vectors from the first hit), "
-              "256 spp per frame");
-    EXPECT_EQ(PathRender::videoDenoiseLine(VD::hybrid, 64, 2.5), "video denoise: hybrid, 64 spp per frame or 2.5 s");
-}
-
 TEST(PathFrames, TemporalUnavailableWarnsAndDenoisesFramesOnTheirOwn) {
+    EXPECT_EQ(PathRender::videoDenoiseLine(CLIOptions::VideoDenoise::hybrid, 64, 2.5),
+              "video denoise: hybrid, 64 spp per frame or 2.5 s");
     PathScratch dir;
     FakeRenderer fake;
     RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--spp", "4", "--frames", "1:2"},
@@ -217,27 +215,23 @@ TEST(PathFrames, TemporalUnavailableWarnsAndDenoisesFramesOnTheirOwn) {
 // Output checks and frame ranges
 
 TEST(PathChecks, OutputChecksComeFirst) {
-    struct Row {
-        Args args;
-        std::string error;
+    const std::string notVideo = "with --path, --out is the video (.mp4 or .mov); the PNG frames go to --frames-dir";
+    const std::pair<Args, std::string> rows[] = {
+        {{"--out", "clip.gif"}, notVideo},
+        {{"--out", "clip"}, notVideo},
+        {{"--frames-dir", "f", "--out", "clip.png"}, notVideo},
+        {{}, "--path needs --out <video.mp4> and/or --frames-dir <folder>"},
+        {{"--frames-dir", "f", "--frames", "70:80"}, "--frames 70:80 is outside the path's 0:60"},
+        {{"--frames-dir", "f", "--frames", "61:"}, "--frames 61: is outside the path's 0:60"},
     };
-    const std::vector<Row> rows = {
-        {{"--path", "p.json", "--out", "clip.gif"},
-         "with --path, --out is the video (.mp4 or .mov); the PNG frames go to --frames-dir"},
-        {{"--path", "p.json", "--out", "clip"},
-         "with --path, --out is the video (.mp4 or .mov); the PNG frames go to --frames-dir"},
-        {{"--path", "p.json", "--frames-dir", "f", "--out", "clip.png"},
-         "with --path, --out is the video (.mp4 or .mov); the PNG frames go to --frames-dir"},
-        {{"--path", "p.json"}, "--path needs --out <video.mp4> and/or --frames-dir <folder>"},
-        {{"--path", "p.json", "--frames-dir", "f", "--frames", "70:80"}, "--frames 70:80 is outside the path's 0:60"},
-        {{"--path", "p.json", "--frames-dir", "f", "--frames", "61:"}, "--frames 61: is outside the path's 0:60"},
-    };
-    for (const Row& row : rows) {
+    for (const auto& [extra, error] : rows) {
+        SCOPED_TRACE(test::joined(extra));
+        Args args = {"--path", "p.json"};
+        args.insert(args.end(), extra.begin(), extra.end());
         FakeRenderer fake;
-        RunResult r = runPath(row.args, straightPath(30, 2), fake);
-        EXPECT_EQ(r.error, row.error) << test::joined(row.args);
-        EXPECT_TRUE(r.lines.empty()) << test::joined(row.args);
-        EXPECT_TRUE(fake.calls.empty());
+        RunResult r = runPath(args, straightPath(30, 2), fake);
+        EXPECT_EQ(r.error, error);
+        EXPECT_TRUE(r.lines.empty() && fake.calls.empty());
         EXPECT_FALSE(fake.temporalWanted.has_value());
     }
 }
@@ -250,21 +244,19 @@ TEST(PathChecks, FrameFolderDefaultsToTheVideoNameWithFrames) {
 }
 
 TEST(PathChecks, RangesAreClippedToThePath) {
-    struct Row {
-        const char* frames;
-        int64_t first, last;
-    };
-    // 61 frames at 30 fps over 2 s; fps 5 keeps the PNGs few.
-    for (const Row& row : {Row{"50:99", 50, 60}, Row{"58:", 58, 60}, Row{":2", 0, 2}, Row{"60:60", 60, 60}}) {
+    // 61 frames at 30 fps over 2 s.
+    const std::tuple<const char*, int64_t, int64_t> rows[] = {{"50:99", 50, 60}, {"58:", 58, 60}, {":2", 0, 2},
+                                                              {"60:60", 60, 60}};
+    for (const auto& [frames, first, last] : rows) {
         PathScratch dir;
         FakeRenderer fake;
-        RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--frames", row.frames,
+        RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--frames", frames,
                                "--video-denoise", "hybrid"},
                               straightPath(30, 2), fake);
-        ASSERT_EQ(r.error, "") << row.frames;
-        EXPECT_EQ(fake.renderedIndices(), iota(row.first, row.last)) << row.frames;
-        EXPECT_TRUE(r.lines[0].ends_with(strprintf("= 61 frames; rendering %lld:%lld into %s", (long long)row.first,
-                                                   (long long)row.last, dir.str("f").c_str())))
+        ASSERT_EQ(r.error, "") << frames;
+        EXPECT_EQ(fake.renderedIndices(), iota(first, last)) << frames;
+        EXPECT_TRUE(r.lines[0].ends_with(strprintf("= 61 frames; rendering %lld:%lld into %s", (long long)first,
+                                                   (long long)last, dir.str("f").c_str())))
             << r.lines[0];
     }
 }
@@ -405,11 +397,11 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
         PathRender::run(options, path, "p.json", hooks, [](std::string_view) {}, Clock::now());
     };
 
+    // Up to 25 runs killed at random moments, then one left to finish.
     uint32_t seed = 12345;
-    int kills = 0, runs = 0;
+    int kills = 0;
     bool done = false;
-    while (!done && runs < 25) {
-        ++runs;
+    for (int run = 0; !done && run <= 25; ++run) {
         pid_t pid = ::fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
@@ -420,33 +412,23 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
             }
             ::_exit(0);
         }
-        seed = seed * 1664525u + 1013904223u;
-        ::usleep(300 + (seed >> 8) % 5000);
-        ::kill(pid, SIGKILL);
+        if (run < 25) {
+            seed = seed * 1664525u + 1013904223u;
+            ::usleep(300 + (seed >> 8) % 5000);
+            ::kill(pid, SIGKILL);
+        }
         int status = 0;
         ::waitpid(pid, &status, 0);
         if (WIFSIGNALED(status)) ++kills;
         done = WIFEXITED(status) && WEXITSTATUS(status) == 0;
         ASSERT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) != 0) << "the child failed";
-        if (!done) {
-            // Whatever moment the kill hit, every final frame is whole.
-            for (int64_t i = 0; i < kFrames; ++i)
-                if (fs::exists(frames / PathRender::frameFileName(i))) {
-                    ASSERT_TRUE(frameIsWhole(frames, i)) << i;
-                }
-        }
+        // Whatever moment the kill hit, every final frame is whole.
+        for (int64_t i = 0; i < kFrames; ++i)
+            if (fs::exists(frames / PathRender::frameFileName(i))) {
+                ASSERT_TRUE(frameIsWhole(frames, i)) << i;
+            }
     }
-    if (!done) {
-        // Finish without interference.
-        pid_t pid = ::fork();
-        if (pid == 0) {
-            child();
-            ::_exit(0);
-        }
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+    ASSERT_TRUE(done);
     EXPECT_GT(kills, 3);
     for (int64_t i = 0; i < kFrames; ++i) EXPECT_TRUE(frameIsWhole(frames, i)) << i;
     std::ifstream in(log);
@@ -493,20 +475,15 @@ TEST(PathEncode, VideoIsWrittenOnceEveryFrameExists) {
 
     test::VideoProbe p = test::probeVideo(video);
     ASSERT_TRUE(p.opened);
-    EXPECT_EQ(p.codecId, AV_CODEC_ID_HEVC);
-    EXPECT_EQ(p.packets, 9);
-    EXPECT_EQ(p.avgFrameRate.num, 4);
-    EXPECT_EQ(p.avgFrameRate.den, 1);
-    EXPECT_EQ(p.width, kFrameW);
-    EXPECT_EQ(p.primaries, AVCOL_PRI_BT709);
+    EXPECT_EQ(std::tie(p.codecId, p.packets, p.avgFrameRate.num, p.avgFrameRate.den, p.width, p.primaries),
+              std::make_tuple(AV_CODEC_ID_HEVC, 9, 4, 1, kFrameW, AVCOL_PRI_BT709));
 }
 
 TEST(PathEncode, EncodeOnlyNeitherSetsUpNorRenders) {
     PathScratch dir;
     const fs::path frames = dir.path() / "shared";
     fs::create_directories(frames);
-    for (int64_t i = 0; i < 5; ++i)
-        PNGWriter::write(framePixels(i), kFrameW, kFrameH, frames / PathRender::frameFileName(i));
+    writeFrames(frames, {0, 1, 2, 3, 4});
     FakeRenderer fake;
     const std::string video = dir.str("walk.mov");
     RunResult r = runPath({"--path", "p.json", "--frames-dir", frames.string(), "--out", video, "--encode-only",
@@ -519,9 +496,7 @@ TEST(PathEncode, EncodeOnlyNeitherSetsUpNorRenders) {
     EXPECT_TRUE(r.lines[1].starts_with("video: " + video + "  5 frames, 64x48, 2 fps, H.264 High at 0.0 Mbit/s"))
         << r.lines[1];
     test::VideoProbe p = test::probeVideo(video);
-    EXPECT_EQ(p.majorBrand, "qt  ");
-    EXPECT_EQ(p.codecId, AV_CODEC_ID_H264);
-    EXPECT_EQ(p.packets, 5);
+    EXPECT_EQ(std::tie(p.majorBrand, p.codecId, p.packets), std::make_tuple(std::string("qt  "), AV_CODEC_ID_H264, 5));
 }
 
 TEST(PathEncode, FractionalRateRendersButRefusesToEncode) {
@@ -538,8 +513,7 @@ TEST(PathEncode, FractionalRateRendersButRefusesToEncode) {
 
 TEST(PathEncode, MissingFramesAreListedAsRuns) {
     PathScratch dir;
-    for (int64_t i : {0, 1, 2, 5, 9})
-        PNGWriter::write(framePixels(i), kFrameW, kFrameH, dir.path() / PathRender::frameFileName(i));
+    writeFrames(dir.path(), {0, 1, 2, 5, 9});
     CLIOptions o = test::parseArgs({"--path", "p.json", "--out", "x.mp4"});
     std::vector<std::string> lines;
     bool written = PathRender::encodePathVideo(dir.path(), 12, 30, dir.path() / "x.mp4", o,
@@ -551,7 +525,7 @@ TEST(PathEncode, MissingFramesAreListedAsRuns) {
 
 TEST(PathEncode, FramesOfDifferentSizesAreRefused) {
     PathScratch dir;
-    PNGWriter::write(framePixels(0), kFrameW, kFrameH, dir.path() / PathRender::frameFileName(0));
+    writeFrames(dir.path(), {0});
     PNGWriter::write(framePixels(1, 8, 8), 8, 8, dir.path() / PathRender::frameFileName(1));
     CLIOptions o = test::parseArgs({"--path", "p.json", "--out", "x.mp4"});
     const fs::path video = dir.path() / "x.mp4";
