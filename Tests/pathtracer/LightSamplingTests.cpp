@@ -105,74 +105,60 @@ struct LampCase {
     double Etol = 0; // error of the reference itself
 };
 
-LightBuild singleLight(auto add) {
+double radianceOf(const GPULight& L) { return luminance(xyz(L.radiance)); }
+
+GPULight sphereLamp(float3 p, float r, float lumens) {
     LightBuild b;
-    add(b);
-    return b;
+    b.addSphere(p, r, lumens, {1, 1, 1});
+    return b.lights[0];
+}
+GPULight discLamp(float3 p, float3 n, float r, float lumens, float exponent) {
+    LightBuild b;
+    b.addDisc(p, n, r, lumens, exponent, {1, 1, 1});
+    return b.lights[0];
+}
+// An under-cabinet strip 3 cm above a worktop.
+GPULight stripLamp(float width) {
+    LightBuild b;
+    b.addQuad({-0.6f, 0.93f, 0}, {0.6f, 0.93f, 0}, {0, -1, 0}, width, 540, {1, 1, 1});
+    return b.lights[0];
+}
+// A Lambertian polygonal emitter: Lambert's formula is exact for the polygon that is sampled.
+LampCase lambertCase(std::string name, const GPULight& L, float3 x, float3 n, const std::vector<float3>& corners) {
+    return LampCase{std::move(name), L, x, n, lambertPolygonIrradiance(corners, x, n, radianceOf(L))};
 }
 
 std::vector<LampCase> lampCases() {
     std::vector<LampCase> cases;
-    {
-        // A sphere seen from d along the normal: E = pi L (r/d)^2.
-        const float r = 0.12f, d = 0.9f;
-        LightBuild b = singleLight([&](LightBuild& lb) { lb.addSphere({0.3f, 2.0f, -0.2f}, r, 600, {1, 1, 1}); });
-        LampCase c{"sphere on the normal", b.lights[0], {0.3f, 2.0f - d, -0.2f}, {0, 1, 0}};
-        c.E = PI * luminance(xyz(c.light.radiance)) * (r / d) * (r / d);
-        cases.push_back(c);
-    }
-    {
-        // The same sphere off to the side: only the cone's cosine changes.
-        LightBuild b = singleLight([&](LightBuild& lb) { lb.addSphere({0, 1.5f, 0}, 0.2f, 800, {1, 1, 1}); });
-        LampCase c{"sphere at 40 degrees", b.lights[0], {}, {0, 1, 0}};
-        const float ang = 40.0f * PI / 180.0f, d = 1.1f;
-        c.x = float3{0, 1.5f, 0} - float3{std::sin(ang), std::cos(ang), 0} * d;
-        c.E = PI * luminance(xyz(c.light.radiance)) * (0.2 / d) * (0.2 / d) * std::cos(ang);
-        cases.push_back(c);
-    }
-    {
-        // A Lambertian downlight on its axis: close to pi L r^2 / (r^2 + d^2),
-        // exactly Lambert's formula for the 24-gon that is sampled.
-        LightBuild b = singleLight([&](LightBuild& lb) { lb.addDisc({0, 2.4f, 0}, {0, -1, 0}, 0.3f, 900, 1, {1, 1, 1}); });
-        LampCase c{"Lambertian disc on its axis", b.lights[0], {0, 2.4f - 0.005f - 0.5f, 0}, {0, 1, 0}};
-        c.E = lambertPolygonIrradiance(discCorners(c.light), c.x, c.n, luminance(xyz(c.light.radiance)));
-        const double circle = PI * luminance(xyz(c.light.radiance)) * 0.09 / (0.09 + 0.25);
-        EXPECT_NEAR(c.E / circle, 12 * std::sin(PI / 12) / PI, 0.01) << "the 24-gon is slightly smaller than the disc";
-        cases.push_back(c);
-    }
-    {
-        // A tilted receiver off the axis of a Lambertian disc.
-        LightBuild b = singleLight([&](LightBuild& lb) { lb.addDisc({0.2f, 2.0f, 0.1f}, {0.3f, -1, 0.2f}, 0.15f, 700, 1, {1, 1, 1}); });
-        LampCase c{"Lambertian disc, tilted receiver", b.lights[0], {0.9f, 1.0f, -0.4f}, normalize(float3{-0.4f, 1, 0.3f})};
-        c.E = lambertPolygonIrradiance(discCorners(c.light), c.x, c.n, luminance(xyz(c.light.radiance)));
-        cases.push_back(c);
-    }
-    {
-        // A cosine-power downlight (60 degree cone) seen off its axis.
-        const float p = discExponentForCone(60);
-        LightBuild b = singleLight([&](LightBuild& lb) { lb.addDisc({0, 2.4f, 0}, {0, -1, 0}, 0.2f, 800, p, {1, 1, 1}); });
-        LampCase c{"cosine-power disc off its axis", b.lights[0], {0.5f, 1.2f, 0.3f}, {0, 1, 0}};
-        double coarse = quadratureIrradiance(c.light, discCorners(c.light), c.x, c.n, 60);
-        c.E = quadratureIrradiance(c.light, discCorners(c.light), c.x, c.n, 120);
-        c.Etol = 2 * std::fabs(c.E - coarse);
-        cases.push_back(c);
-    }
-    {
-        // An under-cabinet strip 3 cm above a worktop, receiver near one end.
-        LightBuild b = singleLight(
-            [&](LightBuild& lb) { lb.addQuad({-0.6f, 0.93f, 0}, {0.6f, 0.93f, 0}, {0, -1, 0}, 0.012f, 540, {1, 1, 1}); });
-        LampCase c{"strip close above a worktop", b.lights[0], {0.45f, 0.9f, 0.05f}, {0, 1, 0}};
-        c.E = lambertPolygonIrradiance(stripCorners(c.light), c.x, c.n, luminance(xyz(c.light.radiance)));
-        cases.push_back(c);
-    }
-    {
-        // The same strip seen from beyond its end and below.
-        LightBuild b = singleLight(
-            [&](LightBuild& lb) { lb.addQuad({-0.6f, 0.93f, 0}, {0.6f, 0.93f, 0}, {0, -1, 0}, 0.05f, 540, {1, 1, 1}); });
-        LampCase c{"strip seen from beyond its end", b.lights[0], {1.1f, 0.4f, -0.2f}, normalize(float3{-0.5f, 1, 0})};
-        c.E = lambertPolygonIrradiance(stripCorners(c.light), c.x, c.n, luminance(xyz(c.light.radiance)));
-        cases.push_back(c);
-    }
+    // A sphere seen from d along the normal: E = pi L (r/d)^2; off to the side
+    // only the cone's cosine changes.
+    const GPULight near = sphereLamp({0.3f, 2.0f, -0.2f}, 0.12f, 600), side = sphereLamp({0, 1.5f, 0}, 0.2f, 800);
+    cases.push_back({"sphere on the normal", near, {0.3f, 2.0f - 0.9f, -0.2f}, {0, 1, 0},
+                     PI * radianceOf(near) * (0.12 / 0.9) * (0.12 / 0.9)});
+    const float ang = 40.0f * PI / 180.0f;
+    cases.push_back({"sphere at 40 degrees", side, float3{0, 1.5f, 0} - float3{std::sin(ang), std::cos(ang), 0} * 1.1f,
+                     {0, 1, 0}, PI * radianceOf(side) * (0.2 / 1.1) * (0.2 / 1.1) * std::cos(ang)});
+    // A Lambertian downlight on its axis: close to pi L r^2 / (r^2 + d^2) of the circle.
+    const GPULight down = discLamp({0, 2.4f, 0}, {0, -1, 0}, 0.3f, 900, 1);
+    cases.push_back(lambertCase("Lambertian disc on its axis", down, {0, 2.4f - 0.005f - 0.5f, 0}, {0, 1, 0},
+                                discCorners(down)));
+    const double circle = PI * radianceOf(down) * 0.09 / (0.09 + 0.25);
+    EXPECT_NEAR(cases.back().E / circle, 12 * std::sin(PI / 12) / PI, 0.01) << "the 24-gon is slightly smaller";
+    const GPULight tilted = discLamp({0.2f, 2.0f, 0.1f}, {0.3f, -1, 0.2f}, 0.15f, 700, 1);
+    cases.push_back(lambertCase("Lambertian disc, tilted receiver", tilted, {0.9f, 1.0f, -0.4f},
+                                normalize(float3{-0.4f, 1, 0.3f}), discCorners(tilted)));
+    // A cosine-power downlight (60 degree cone) seen off its axis, by quadrature.
+    LampCase power{"cosine-power disc off its axis", discLamp({0, 2.4f, 0}, {0, -1, 0}, 0.2f, 800, discExponentForCone(60)),
+                   {0.5f, 1.2f, 0.3f}, {0, 1, 0}};
+    const double coarse = quadratureIrradiance(power.light, discCorners(power.light), power.x, power.n, 60);
+    power.E = quadratureIrradiance(power.light, discCorners(power.light), power.x, power.n, 120);
+    power.Etol = 2 * std::fabs(power.E - coarse);
+    cases.push_back(power);
+    // The strip with a receiver near one end, and seen from beyond its end and below.
+    const GPULight thin = stripLamp(0.012f), wide = stripLamp(0.05f);
+    cases.push_back(lambertCase("strip close above a worktop", thin, {0.45f, 0.9f, 0.05f}, {0, 1, 0}, stripCorners(thin)));
+    cases.push_back(lambertCase("strip seen from beyond its end", wide, {1.1f, 0.4f, -0.2f},
+                                normalize(float3{-0.5f, 1, 0}), stripCorners(wide)));
     return cases;
 }
 
@@ -244,8 +230,7 @@ TEST(LightPointSampling, PointsInsideOrBehindAnEmitterGetNoSample) {
     EXPECT_FALSE(isValid(sampleLight(b.lights[1], {0.1f, 3.0f, 0}, u)));
     EXPECT_FALSE(isValid(sampleLight(b.lights[2], {0.1f, 1.5f, 0}, u)));
     EXPECT_EQ(lightPdf(b.lights[1], {0, 3, 0}, {0, 2.405f, 0}, {0, -1, 0}), 0.0f);
-    float3 zero = lightLe(b.lights[1], {0, -1, 0});
-    EXPECT_EQ(zero.y, 0.0f);
+    EXPECT_EQ(lightLe(b.lights[1], {0, -1, 0}).y, 0.0f);
     EXPECT_EQ(lightWeight(b.lights[1], {0, 3, 0}, {0, -1, 0}), 0.0f);
 }
 
@@ -303,6 +288,29 @@ double choicePValue(const std::vector<int64_t>& observed, const std::vector<doub
     return test::gammaQ(0.5 * dof, 0.5 * chi2);
 }
 
+// Draws n choices, checks that each reports the pmf that pmfOf recomputes
+// and that the frequencies follow prob (last entry: no light chosen).
+template <class Choose, class PmfOf>
+void expectChoiceFrequencies(const std::vector<double>& prob, int64_t n, uint32_t seed, Choose choose, PmfOf pmfOf,
+                             float pmfTol, double alpha) {
+    const size_t none = prob.size() - 1;
+    std::vector<int64_t> observed(prob.size(), 0);
+    int pmfMismatch = 0;
+    for (int64_t k = 0; k < n; ++k) {
+        LightChoice c = choose(seed);
+        if (c.index < 0 || !(c.pmf > 0)) {
+            ++observed[none];
+            continue;
+        }
+        ++observed[size_t(c.index)];
+        const float expect = pmfOf(uint32_t(c.index));
+        if (std::fabs(c.pmf - expect) > pmfTol * expect) ++pmfMismatch;
+    }
+    EXPECT_EQ(pmfMismatch, 0);
+    int dof = 0;
+    EXPECT_GT(choicePValue(observed, prob, n, dof), alpha) << "dof " << dof;
+}
+
 struct Receiver {
     float3 x, n;
 };
@@ -324,26 +332,9 @@ TEST(LightTreeChoice, SelectLightFrequenciesMatchLightSelectPmf) {
         for (uint32_t i = 0; i < count; ++i) total += prob[i] = lightSelectPmf(s, i, r.x, r.n);
         EXPECT_NEAR(total, 1.0, 1e-5) << "some lamp is reachable, so some lamp is always chosen";
         prob[count] = std::max(0.0, 1.0 - total);
-
-        const int64_t n = 200000;
-        std::vector<int64_t> observed(count + 1, 0);
-        uint32_t seed = 99;
-        int pmfMismatch = 0;
-        for (int64_t k = 0; k < n; ++k) {
-            LightChoice c = selectLight(s, r.x, r.n, seed);
-            if (c.index < 0) {
-                ++observed[count];
-                continue;
-            }
-            ++observed[size_t(c.index)];
-            // The pmf the descent reports is the one lightSelectPmf recomputes.
-            float expect = lightSelectPmf(s, uint32_t(c.index), r.x, r.n);
-            if (std::fabs(c.pmf - expect) > 1e-6f * expect) ++pmfMismatch;
-        }
-        EXPECT_EQ(pmfMismatch, 0);
-        int dof = 0;
-        double p = choicePValue(observed, prob, n, dof);
-        EXPECT_GT(p, 0.01 / 3) << "dof " << dof;
+        expectChoiceFrequencies(
+            prob, 200000, 99, [&](uint32_t& seed) { return selectLight(s, r.x, r.n, seed); },
+            [&](uint32_t i) { return lightSelectPmf(s, i, r.x, r.n); }, 1e-6f, 0.01 / 3);
     }
     // The lamp facing up from below is never chosen for an upward receiver.
     for (uint32_t i = 0; i < count; ++i) {
@@ -408,25 +399,9 @@ TEST(LightCellChoice, ChooseLightFrequenciesMatchLightChoicePmf) {
                 listWeight += cellEntryWeight(s, cs.entries[cs.ranges[size_t(cell)].x + k], r.x, r.n);
             double expectMissing = eps * listedTree + (listWeight > 0 ? 0.0 : 1.0 - eps);
             EXPECT_NEAR(prob[count], expectMissing, 1e-5);
-
-            const int64_t n = 200000;
-            std::vector<int64_t> observed(count + 1, 0);
-            uint32_t seed = 4242;
-            int pmfMismatch = 0;
-            for (int64_t k = 0; k < n; ++k) {
-                LightChoice c = chooseLight(s, r.x, r.n, cell, seed);
-                if (c.index < 0 || !(c.pmf > 0)) {
-                    ++observed[count];
-                    continue;
-                }
-                ++observed[size_t(c.index)];
-                float expect = lightChoicePmf(s, uint32_t(c.index), r.x, r.n, cell);
-                if (std::fabs(c.pmf - expect) > 1e-5f * expect) ++pmfMismatch;
-            }
-            EXPECT_EQ(pmfMismatch, 0);
-            int dof = 0;
-            double p = choicePValue(observed, prob, n, dof);
-            EXPECT_GT(p, 0.01 / 9) << "dof " << dof;
+            expectChoiceFrequencies(
+                prob, 200000, 4242, [&](uint32_t& seed) { return chooseLight(s, r.x, r.n, cell, seed); },
+                [&](uint32_t i) { return lightChoicePmf(s, i, r.x, r.n, cell); }, 1e-5f, 0.01 / 9);
         }
     }
 }
@@ -485,9 +460,8 @@ TEST(InverseCdf, AgreesWithALinearSearchOnEveryBoundary) {
     std::uniform_real_distribution<float> uni(0, 1);
     for (uint32_t n = 1; n <= 40; ++n) {
         std::vector<float> cdf(n);
-        double run = 0;
         std::vector<double> w(n);
-        double total = 0;
+        double total = 0, run = 0;
         for (uint32_t i = 0; i < n; ++i) total += w[i] = (i % 5 == 3) ? 0.0 : uni(rng);
         for (uint32_t i = 0; i < n; ++i) cdf[i] = float((run += w[i]) / total);
         cdf[n - 1] = 1.0f;
@@ -501,9 +475,7 @@ TEST(InverseCdf, AgreesWithALinearSearchOnEveryBoundary) {
 // ---- The strip's area density ----------------------------------------------
 
 TEST(StripDensity, IntegratesToOneOverTheStripFromAnyPoint) {
-    LightBuild b;
-    b.addQuad({-0.6f, 0.93f, 0}, {0.6f, 0.93f, 0}, {0, -1, 0}, 0.02f, 540, {1, 1, 1});
-    const GPULight& L = b.lights[0];
+    const GPULight L = stripLamp(0.02f);
     const float3 c = lightCentre(L), hu = xyz(L.uArea), hv = xyz(L.vExp);
     const float3 points[] = {
         {0.0f, 0.90f, 0.0f},   // 3 cm under the middle
