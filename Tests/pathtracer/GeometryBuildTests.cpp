@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace qv {
@@ -151,8 +152,7 @@ TEST(GeometryRays, WithoutGlassOrLightsTheAuxiliarySetIsOnePlaceholder) {
     const GeometryBuild& g = b.g;
     EXPECT_EQ(g.glassTriangles, 0u);
     ASSERT_EQ(g.auxTriangles, 1u);
-    EXPECT_EQ(g.auxInfo[0].x, 2u);
-    EXPECT_EQ(g.auxInfo[0].y, 0u);
+    EXPECT_EQ(std::make_tuple(g.auxInfo[0].x, g.auxInfo[0].y), std::make_tuple(2u, 0u));
     EXPECT_EQ(g.auxPos[0].y, -10000.0f);
     EXPECT_EQ(g.glassAS.get(), g.auxAS.get());
     EXPECT_TRUE(g.nodes.empty());
@@ -175,9 +175,7 @@ TEST(GeometryGround, GroundPlaneSurvivesEveryCutAndTakesLawnGrass) {
     ASSERT_EQ(g.opaqueTriangles, 2u) << "only the ground is left";
     EXPECT_EQ(g.opInfo[0].x, 1u);
     EXPECT_TRUE(g.groundFromModel);
-    EXPECT_FLOAT_EQ(g.groundAlbedo.x, 0.2f);
-    EXPECT_FLOAT_EQ(g.groundAlbedo.y, 0.98f);
-    EXPECT_FLOAT_EQ(g.groundAlbedo.z, 0.01f);
+    EXPECT_EQ(g.groundAlbedo, (float3{0.2f, 0.98f, 0.01f}));
     ASSERT_EQ(g.materials.size(), 2u);
     EXPECT_EQ(g.materials[1].params.x, 0.95f);
     EXPECT_EQ(g.materials[1].params.w, 2.0f);
@@ -220,12 +218,7 @@ TEST(GeometryCutaway, GroundFloorViewCutsAndReports) {
     s.cutaway = Cutaway::groundFloor;
     Built b = build(m.model, scene, s);
     const GeometryBuild& g = b.g;
-    EXPECT_EQ(g.roofCeilingHidden, 6);
-    EXPECT_EQ(g.storeyHidden, 2 + 2 + 2);
-    EXPECT_EQ(g.storeyClipped, 2);
-    EXPECT_EQ(g.hiddenTriangles, 12);
-    EXPECT_EQ(g.lightsOffUpstairs, 2);
-    EXPECT_EQ(g.lightCount, 1u);
+    EXPECT_EQ(std::make_tuple(g.hiddenTriangles, g.lightsOffUpstairs, g.lightCount), std::make_tuple(12, 2, 1u));
     // The wall: one triangle keeps a quad (two triangles), the other a triangle.
     EXPECT_EQ(g.opaqueTriangles, 3u + 2u + 2u + 2u);
     size_t atCut = 0;
@@ -263,10 +256,9 @@ TEST(GeometryCutaway, EachViewRemovesExactlyItsRoles) {
         RenderSettings s;
         s.cutaway = c.view;
         Built b = build(m.model, {}, s);
-        EXPECT_EQ(b.g.roofCeilingHidden, c.roofCeiling) << toString(c.view);
-        EXPECT_EQ(b.g.storeyHidden, c.storeyHidden) << toString(c.view);
-        EXPECT_EQ(b.g.storeyClipped, c.clipped) << toString(c.view);
-        EXPECT_EQ(b.g.opaqueTriangles, c.opaque) << toString(c.view);
+        EXPECT_EQ(std::make_tuple(b.g.roofCeilingHidden, b.g.storeyHidden, b.g.storeyClipped, b.g.opaqueTriangles),
+                  std::make_tuple(c.roofCeiling, c.storeyHidden, c.clipped, c.opaque))
+            << toString(c.view);
     }
     RenderSettings hideRoof;
     hideRoof.hideRoof = true;
@@ -297,10 +289,8 @@ TEST(GeometrySection, SectionCutRemovesClipsAndDropsLampsAbove) {
     RenderSettings s;
     s.clipAbove = 1.5f;
     Built b = build(m.model, scene, s);
-    EXPECT_EQ(b.g.sectionRemoved, 2);
-    EXPECT_EQ(b.g.sectionCut, 2);
-    EXPECT_EQ(b.g.clippedTriangles, 2);
-    EXPECT_EQ(b.g.lightCount, 1u);
+    EXPECT_EQ(std::make_tuple(b.g.sectionRemoved, b.g.sectionCut, b.g.clippedTriangles, b.g.lightCount),
+              std::make_tuple(2, 2, 2, 1u));
     ASSERT_EQ(b.lines.size(), 4u);
     EXPECT_EQ(b.lines[0], "section: 1 light(s) above y=1.5 removed");
     EXPECT_EQ(b.lines[1], "warning: light 1 (no id) skipped: position must be 3 finite numbers");
@@ -350,18 +340,12 @@ TEST(GeometryMaterials, PackingRules) {
     TextureSet tex = TextureSet::placeholder();
     tex.layerOfTexture[3] = 5;
     tex.wrapOfTexture[3] = float2{2, 1};
+    // Base colour clamped to [0, 0.98]; roughness and metallic to [0, 1]; the
+    // texture's layer and wrap repeat counts.
     GPUMaterial a = packMaterial(opaque, 1000, tex);
-    EXPECT_EQ(a.baseColor.x, 0.98f);
-    EXPECT_EQ(a.baseColor.z, 0.0f);
-    EXPECT_EQ(a.baseColor.w, 0.7f);
-    EXPECT_EQ(a.params.x, 1.0f);
-    EXPECT_EQ(a.params.y, 0.0f);
-    EXPECT_EQ(a.params.z, 1.33f);
-    EXPECT_EQ(a.params.w, 2.0f);
-    EXPECT_EQ(a.extra.x, 5.0f);
-    EXPECT_EQ(a.extra.z, 2.0f);
-    EXPECT_EQ(a.extra.w, 1.0f);
-    EXPECT_EQ(a.emission.w, 0.0f);
+    EXPECT_EQ(std::make_tuple(a.baseColor.x, a.baseColor.z, a.baseColor.w), std::make_tuple(0.98f, 0.0f, 0.7f));
+    EXPECT_EQ(a.params, (float4{1.0f, 0.0f, 1.33f, 2.0f}));
+    EXPECT_EQ(std::make_tuple(a.extra.x, a.extra.z, a.extra.w, a.emission.w), std::make_tuple(5.0f, 2.0f, 1.0f, 0.0f));
 
     ModelMaterial glass = opaque;
     glass.alphaMode = "BLEND";
@@ -403,10 +387,8 @@ TEST(GeometryEmissive, TableWeightsFlipsAndSides) {
     EXPECT_EQ(g.emTris[0].tri, 0u);
     EXPECT_EQ(g.emTris[0].flags, EM_FLIP | EM_TWO_SIDED);
     EXPECT_EQ(g.emTris[1].flags, 0u);
-    EXPECT_EQ(g.opInfo[0].y, 0u);
-    EXPECT_EQ(g.opInfo[1].y, 1u);
-    EXPECT_EQ(g.opInfo[2].y, NO_EMISSIVE);
-    EXPECT_EQ(g.opInfo[3].y, NO_EMISSIVE);
+    EXPECT_EQ(std::make_tuple(g.opInfo[0].y, g.opInfo[1].y, g.opInfo[2].y, g.opInfo[3].y),
+              std::make_tuple(0u, 1u, NO_EMISSIVE, NO_EMISSIVE));
     // Weights: 2 x 0.5 m2 x 1 against 1 x 1 m2 x 0.5.
     EXPECT_NEAR(g.emTris[0].pmf, 2.0f / 3.0f, 1e-6f);
     EXPECT_NEAR(g.emTris[1].pmf, 1.0f / 3.0f, 1e-6f);
