@@ -16,6 +16,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace qv {
@@ -90,9 +91,8 @@ TEST(LightCellLookup, CellOutsideTheGridOrUnknownKeepsEveryEmissiveRay) {
     LookupGrid g = lookupGrid();
     g.ranges[3].z = 0;
     g.ranges[4].z = 17;
-    EXPECT_EQ(emissiveNeeProb(g.s, -1), 1.0f);
-    EXPECT_EQ(emissiveNeeProb(g.s, 4), 1.0f);
-    EXPECT_EQ(emissiveNeeProb(g.s, 3), 0.1f);
+    for (const auto& [cell, prob] : {std::pair{-1, 1.0f}, std::pair{4, 1.0f}, std::pair{3, 0.1f}})
+        EXPECT_EQ(emissiveNeeProb(g.s, cell), prob) << cell;
 }
 
 // ---- Packing the lists ------------------------------------------------------
@@ -127,9 +127,7 @@ TEST(LightGridPacking, CellsListTheirLampsInOrderWithVisibility) {
     const std::vector<uint32_t> entries = {0u | 128u << 16, 2u | 255u << 16, 0u | 1u << 16, 1u | 1u << 16,
                                            2u | 255u << 16};
     EXPECT_EQ(packed.cellEntry, entries);
-    EXPECT_EQ(packed.solidCells, 1);
-    EXPECT_EQ(packed.emissiveCells, 1);
-    EXPECT_EQ(packed.maxEntries, 3u);
+    EXPECT_EQ(std::make_tuple(packed.solidCells, packed.emissiveCells, packed.maxEntries), std::make_tuple(1, 1, 3u));
     // Entries hold 16 bits of light index and 8 of visibility.
     EXPECT_EQ(entries[4] & CELL_ENTRY_LIGHT_MASK, 2u);
     EXPECT_EQ((entries[4] >> CELL_ENTRY_VIS_SHIFT) & 0xFFu, 255u);
@@ -155,9 +153,7 @@ TEST(LightGridPacking, SliceSizeFollowsTheWorkPerCell) {
 
 TEST(LightGridLayoutTest, DimensionsCoverTheBoxAndGrowTheCellPastTwoMillion) {
     LightGridDims d = dimsFor(0.25f, float3{0, -0.1f, 0}, float3{10, 3, 8.1f});
-    EXPECT_EQ(d.nx, 40);
-    EXPECT_EQ(d.ny, 13);
-    EXPECT_EQ(d.nz, 33);
+    EXPECT_EQ(std::make_tuple(d.nx, d.ny, d.nz), std::make_tuple(40, 13, 33));
 
     LightGridBox big{float3{-50, -0.1f, -50}, float3{50, 10, 50}};
     LightGridLayout l = layoutLightGrid(big, 0.1f);
@@ -328,20 +324,16 @@ TEST_F(TwoRoomGrid, EachRoomListsOnlyItsOwnLamp) {
     ASSERT_NE(left, right);
     const float3 leftPoints[] = {{0.5f, 0.4f, 0.5f}, {2.5f, 1.2f, 3.2f}, {3.2f, 2.6f, 1.0f}};
     const float3 rightPoints[] = {{5.0f, 0.4f, 0.5f}, {6.5f, 1.2f, 3.2f}, {7.7f, 2.6f, 1.0f}};
-    for (float3 p : leftPoints) {
-        int cell = lightCellAt(s, p);
-        ASSERT_GE(cell, 0);
-        EXPECT_EQ(listedLamps(s, cell), std::vector<uint32_t>{left}) << p.x << ", " << p.y << ", " << p.z;
-        EXPECT_GT(s.cellRange[cell].z, 0u) << "the left room sees its ceiling panel";
-        EXPECT_EQ(emissiveNeeProb(s, cell), 1.0f);
-    }
-    for (float3 p : rightPoints) {
-        int cell = lightCellAt(s, p);
-        ASSERT_GE(cell, 0);
-        EXPECT_EQ(listedLamps(s, cell), std::vector<uint32_t>{right}) << p.x << ", " << p.y << ", " << p.z;
-        EXPECT_EQ(s.cellRange[cell].z, 0u) << "the panel is behind the wall";
-        EXPECT_FLOAT_EQ(emissiveNeeProb(s, cell), 0.1f);
-    }
+    // The left room sees its ceiling panel; from the right it is behind the wall.
+    for (bool isLeft : {true, false})
+        for (float3 p : isLeft ? leftPoints : rightPoints) {
+            SCOPED_TRACE(::testing::Message() << p.x << ", " << p.y << ", " << p.z);
+            int cell = lightCellAt(s, p);
+            ASSERT_GE(cell, 0);
+            EXPECT_EQ(listedLamps(s, cell), std::vector<uint32_t>{isLeft ? left : right});
+            EXPECT_EQ(s.cellRange[cell].z > 0u, isLeft);
+            EXPECT_FLOAT_EQ(emissiveNeeProb(s, cell), isLeft ? 1.0f : 0.1f);
+        }
     // A cell in the open middle of a room sees its lamp from every point.
     const uint32_t entry = s.cellEntry[s.cellRange[lightCellAt(s, {1.0f, 1.2f, 2.2f})].x];
     EXPECT_EQ(entry >> CELL_ENTRY_VIS_SHIFT, 255u);
@@ -460,6 +452,13 @@ TEST(LightGridSummaryLine, ReportsTheGridInItsFixedFormat) {
 
 // ---- In the renderer --------------------------------------------------------
 
+std::vector<std::string> gridLines(const std::vector<std::string>& lines) {
+    std::vector<std::string> out;
+    for (const std::string& l : lines)
+        if (l.starts_with("light grid: ")) out.push_back(l);
+    return out;
+}
+
 TEST(LightGridInRenderer, ForegroundAndBackgroundBakesAgreeAndLogOneLine) {
     TwoRooms rooms = twoRooms();
     std::vector<std::string> fgLines, bgLines;
@@ -481,12 +480,6 @@ TEST(LightGridInRenderer, ForegroundAndBackgroundBakesAgreeAndLogOneLine) {
     EXPECT_EQ(bg.cellEntry(), fg.cellEntry());
     EXPECT_EQ(bg.lightGrid().dims, fg.lightGrid().dims);
 
-    auto gridLines = [](const std::vector<std::string>& lines) {
-        std::vector<std::string> out;
-        for (const std::string& l : lines)
-            if (l.rfind("light grid: ", 0) == 0) out.push_back(l);
-        return out;
-    };
     ASSERT_EQ(gridLines(fgLines).size(), 1u);
     ASSERT_EQ(gridLines(bgLines).size(), 1u);
     const std::string fgLine = gridLines(fgLines)[0], bgLine = gridLines(bgLines)[0];
@@ -517,7 +510,7 @@ TEST(LightGridInRenderer, TreeModeBuildsNoGrid) {
     EXPECT_FALSE(r.lightGridInstalled());
     EXPECT_FALSE(r.waitForLightGrid(0.0));
     EXPECT_EQ(r.lightGrid().mode.z, 0u);
-    for (const std::string& l : lines) EXPECT_NE(l.rfind("light grid: ", 0), 0u) << l;
+    EXPECT_TRUE(gridLines(lines).empty());
     GeometryBuild g = geometryOf(rooms);
     EXPECT_FALSE(bakeLightGrid(g, rooms.model.coreBoundsMin, rooms.model.coreBoundsMax, rooms.settings));
     RenderSettings noRays = twoRooms().settings;
