@@ -238,26 +238,22 @@ class EstimatorConsistency : public ::testing::TestWithParam<int> {};
 
 TEST_P(EstimatorConsistency, MisBsdfOnlyAndNeeOnlyAgreeWithinNoise) {
     const CameraDef cam = camera({0, 2.2f, 0.4f}, {0, 0, 0}, 40);
-    {
-        const EstimatorScene e = estimatorScenes()[size_t(GetParam())];
-        SCOPED_TRACE(e.name);
-        RenderSettings s = smallSettings(12, 12, 4);
-        s.seed = 11;
-        ImageMean mis = imageMean(*render(e.scene, s, e.env, cam, 48).r);
-        EXPECT_GT(mis.mean, 0.0);
+    const EstimatorScene e = estimatorScenes()[size_t(GetParam())];
+    RenderSettings s = smallSettings(12, 12, 4);
+    s.seed = 11;
+    ImageMean mis = imageMean(*render(e.scene, s, e.env, cam, 48).r);
+    EXPECT_GT(mis.mean, 0.0);
 
-        RenderSettings neeOnly = s;
-        neeOnly.debugNeeOnly = true;
-        neeOnly.seed = 12;
-        expectSameMean(mis, imageMean(*render(e.scene, neeOnly, e.env, cam, 48).r), "NEE only");
+    RenderSettings neeOnly = s;
+    neeOnly.debugNeeOnly = true;
+    neeOnly.seed = 12;
+    expectSameMean(mis, imageMean(*render(e.scene, neeOnly, e.env, cam, 48).r), "NEE only");
 
-        if (e.bsdfOnly) {
-            RenderSettings bsdf = s;
-            if (e.skyBsdfOnly) bsdf.debugNoSkyNEE = true;
-            else bsdf.debugNoLightNEE = true;
-            bsdf.seed = 13;
-            expectSameMean(mis, imageMean(*render(e.scene, bsdf, e.env, cam, 96).r), "BSDF sampling only");
-        }
+    if (e.bsdfOnly) {
+        RenderSettings bsdf = s;
+        (e.skyBsdfOnly ? bsdf.debugNoSkyNEE : bsdf.debugNoLightNEE) = true;
+        bsdf.seed = 13;
+        expectSameMean(mis, imageMean(*render(e.scene, bsdf, e.env, cam, 96).r), "BSDF sampling only");
     }
 }
 
@@ -270,11 +266,18 @@ INSTANTIATE_TEST_SUITE_P(Scenes, EstimatorConsistency, ::testing::Range(0, 6), e
 
 // ---- A lamp of known lumens over the ground -------------------------------------
 
+// A model of one small triangle far from the view, so that only the ground
+// plane or the sky is seen.
+SceneMaker farTriangle() {
+    SceneMaker sm;
+    sm.triangle({50, 0, 50}, {50.1f, 0, 50}, {50, 0, 50.1f}, sm.material({0.5f, 0.5f, 0.5f}, 1));
+    sm.finish();
+    return sm;
+}
+
 TEST(KnownIrradiance, LampOverTheGroundGivesBsdfTimesIntensityOverDistanceSquared) {
     // Only the ground plane is in view (the model's one triangle is far away).
-    SceneMaker sm;
-    uint32_t mat = sm.material({0.5f, 0.5f, 0.5f}, 1);
-    sm.triangle({50, 0, 50}, {50.1f, 0, 50}, {50, 0, 50.1f}, mat);
+    SceneMaker sm = farTriangle();
     const float lumens = 2000, kelvin = 4000, radius = 0.02f;
     const float3 centre{0.7f, kGroundHeight + 1.3f, 0.2f};
     LightDef d = lampDef("pendant", {centre.x, centre.y, centre.z}, lumens);
@@ -361,10 +364,7 @@ SkyMap skyFor(const EnvironmentPreset& env, const RenderSettings& s, float3 sunD
 }
 
 TEST(EscapedRays, CameraRayThatHitsNothingReturnsTheSkyLookup) {
-    SceneMaker sm;
-    uint32_t mat = sm.material({0.5f, 0.5f, 0.5f}, 1);
-    sm.triangle({50, 0, 50}, {50.1f, 0, 50}, {50, 0, 50.1f}, mat);
-    sm.finish();
+    const SceneMaker sm = farTriangle();
     const EnvironmentPreset env = EnvironmentPreset::preset(TimeOfDay::day);
     const float3 sunDir = bearingToModelDirection(env.sunAzimuthDeg, env.sunElevationDeg, 0.0);
     // Look up and away from the sun.
@@ -406,10 +406,7 @@ TEST(EscapedRays, CameraRayThatHitsNothingReturnsTheSkyLookup) {
 }
 
 TEST(EscapedRays, RayIntoTheSunDiscAddsTheSunRadiance) {
-    SceneMaker sm;
-    uint32_t mat = sm.material({0.5f, 0.5f, 0.5f}, 1);
-    sm.triangle({50, 0, 50}, {50.1f, 0, 50}, {50, 0, 50.1f}, mat);
-    sm.finish();
+    const SceneMaker sm = farTriangle();
     const EnvironmentPreset env = EnvironmentPreset::preset(TimeOfDay::day);
     RenderSettings s = smallSettings(4, 4, 3);
     // A view narrower than the sun's disc, centred on it.
@@ -536,16 +533,14 @@ TEST(Uniforms, ClampSeedAndPanoramaSpacing) {
     EXPECT_NE(u.flags.x & FLAG_EQUIRECT, 0u);
     float3 centre = cameraRayDir(u, float2{20.0f, 10.0f});
     EXPECT_NEAR(centre.z, -1.0f, 1e-5f);
-    float3 right = cameraRayDir(u, float2{28.0f, 10.0f});
-    EXPECT_NEAR(right.x, 1.0f, 1e-5f) << "a quarter turn right of forward";
+    EXPECT_NEAR(cameraRayDir(u, float2{28.0f, 10.0f}).x, 1.0f, 1e-5f) << "a quarter turn right of forward";
     for (float col : {4.0f, 5.5f}) {
         float3 a = cameraRayDir(u, float2{col, 7.0f}), b = cameraRayDir(u, float2{col + 32.0f, 7.0f});
         EXPECT_NEAR(a.x, b.x, 1e-5f);
         EXPECT_NEAR(a.y, b.y, 1e-5f);
         EXPECT_NEAR(a.z, b.z, 1e-5f);
     }
-    float3 top = cameraRayDir(u, float2{20.0f, 0.0f});
-    EXPECT_NEAR(top.y, 1.0f, 1e-5f);
+    EXPECT_NEAR(cameraRayDir(u, float2{20.0f, 0.0f}).y, 1.0f, 1e-5f);
 }
 
 } // namespace
