@@ -30,7 +30,7 @@ static_assert(kPad >= 2 * 16 + kMaxLanes, "room for the widest step's taps");
 
 // Filters the kLanes pixels starting at (x, y): centre values stay in
 // registers while the 25 taps go by.
-template <class V, bool kChroma, bool kCoherence>
+template <class V, bool kChroma, bool kCoherence, bool kInterior>
 QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) {
     constexpr int kLanes = lanes<V>;
     const uint32_t W = c.P.dims.x, H = c.P.dims.y;
@@ -66,15 +66,18 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
     const float invSigW = kCoherence ? 1.0f / c.P.sigmas.w : 0.0f;
     // pow(0, p) is 0 for p > 0 and 1 for p = 0, where npow log2(d) is already 0.
     const V zeroPowFactor = npow == 0.0f ? splat<V>(1.0f) : splat<V>(0.0f);
-    // Horizontal tap weights, 0 for taps outside the image (they are skipped).
+    // Horizontal tap weights, 0 for taps outside the image (they are skipped);
+    // blocks whose taps all lie inside use the plain weights.
     using I = IntOf<V>;
-    const I column = __builtin_convertvector(iota<V>(), I) + int(x);
     V tapX[5];
-    for (int dx = -2; dx <= 2; ++dx) {
-        const I qx = column + dx * step;
-        V kx = splat<V>(atrousTapWeight(dx));
-        kx = qx >= 0 ? kx : splat<V>(0.0f);
-        tapX[dx + 2] = qx < int(W) ? kx : splat<V>(0.0f);
+    if constexpr (!kInterior) {
+        const I column = __builtin_convertvector(iota<V>(), I) + int(x);
+        for (int dx = -2; dx <= 2; ++dx) {
+            const I qx = column + dx * step;
+            V kx = splat<V>(atrousTapWeight(dx));
+            kx = qx >= 0 ? kx : splat<V>(0.0f);
+            tapX[dx + 2] = qx < int(W) ? kx : splat<V>(0.0f);
+        }
     }
 
     V sumR{}, sumG{}, sumB{}, sumVar{}, sumPv{}, sumW{};
@@ -84,9 +87,13 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
         const float ky = atrousTapWeight(dy);
         for (int dx = -2; dx <= 2; ++dx) {
             const int shift = dx * step;
-            if (int(x) + shift >= int(W) || int(x) + kLanes - 1 + shift < 0) continue;
+            if (!kInterior && (int(x) + shift >= int(W) || int(x) + kLanes - 1 + shift < 0)) continue;
             const ptrdiff_t j = ptrdiff_t(qy) * W + ptrdiff_t(x) + shift;
-            const V k = ky * tapX[dx + 2];
+            V k;
+            if constexpr (kInterior)
+                k = splat<V>(ky * atrousTapWeight(dx));
+            else
+                k = ky * tapX[dx + 2];
             V d = n0x * load<V>(nxP + j) + n0y * load<V>(nyP + j) + n0z * load<V>(nzP + j);
             V t = npow * fastLog2(vmax(d, splat<V>(1e-30f)));
             V rq = load<V>(rP + j), gq = load<V>(gP + j), bq = load<V>(bP + j);
@@ -124,6 +131,41 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
     }
 }
 
+// sd = sqrt(prefilteredVariance) over the rows [y0, y1), from the variance
+// plane: the nine taps of the 3 x 3 Gaussian as vector loads, rows clamped;
+// the first and last columns, whose taps clamp sideways, per pixel. Reads
+// past a row's end land in the next row or the plane's padding, unused.
+struct NoiseDeviationRows {
+    const float4* src;
+    const float* variance;
+    float* sd;
+    uint32_t width, height, y0, y1;
+
+    template <class V>
+    QV_ALWAYS_INLINE void run() const {
+        const int W = int(width), H = int(height);
+        for (uint32_t y = y0; y < y1; ++y) {
+            const float* rowsAt[3] = {variance + size_t(clampIndex(int(y) - 1, H)) * width,
+                                      variance + size_t(y) * width, variance + size_t(clampIndex(int(y) + 1, H)) * width};
+            float* out = sd + size_t(y) * width;
+            for (int x = 1; x < W - 1; x += lanes<V>) {
+                V v{};
+                for (int dy = -1; dy <= 1; ++dy) {
+                    const float wy = dy == 0 ? 0.5f : 0.25f;
+                    for (int dx = -1; dx <= 1; ++dx) {
+                        const float wx = dx == 0 ? 0.5f : 0.25f;
+                        v += (wx * wy) * load<V>(rowsAt[dy + 1] + x + dx);
+                    }
+                }
+                v = vmax(v, splat<V>(0.0f));
+                for (int l = 0; l < lanes<V> && x + l < W - 1; ++l) out[x + l] = std::sqrt(v[l]);
+            }
+            for (int x : {0, W - 1})
+                out[x] = std::sqrt(maxFloat(prefilteredVariance(src, width, height, x, int(y)), 0.0f));
+        }
+    }
+};
+
 // The rows [y0, y1) of one pass, for the vector unit picked by runWidest.
 struct FilterRows {
     const PassContext& c;
@@ -132,12 +174,21 @@ struct FilterRows {
     template <class V>
     QV_ALWAYS_INLINE void run() const {
         const bool chroma = c.P.chroma.y > 0, coherence = c.P.sigmas.w > 0;
+        if (chroma && coherence) blocks<V, true, true>();
+        else if (chroma) blocks<V, true, false>();
+        else if (coherence) blocks<V, false, true>();
+        else blocks<V, false, false>();
+    }
+
+    template <class V, bool kChroma, bool kCoherence>
+    QV_ALWAYS_INLINE void blocks() const {
+        const int W = int(c.P.dims.x), reach = 2 * int(c.P.dims.z);
         for (uint32_t y = y0; y < y1; ++y)
-            for (uint32_t x = 0; x < c.P.dims.x; x += lanes<V>) {
-                if (chroma && coherence) filterBlock<V, true, true>(c, x, y);
-                else if (chroma) filterBlock<V, true, false>(c, x, y);
-                else if (coherence) filterBlock<V, false, true>(c, x, y);
-                else filterBlock<V, false, false>(c, x, y);
+            for (int x = 0; x < W; x += lanes<V>) {
+                if (x >= reach && x + lanes<V> - 1 + reach < W)
+                    filterBlock<V, kChroma, kCoherence, true>(c, uint32_t(x), y);
+                else
+                    filterBlock<V, kChroma, kCoherence, false>(c, uint32_t(x), y);
             }
     }
 };
@@ -193,8 +244,10 @@ void atrousPassCPU(const float4* src, float4* dst, const AtrousGuidePlanes& guid
                 p.ug[o] = c.y * inv;
                 p.ub[o] = c.z * inv;
                 p.pv[o] = readFirst ? noise[i].x : noise[i].y;
-                p.sd[o] = std::sqrt(maxFloat(prefilteredVariance(src, W, H, int(x), int(y)), 0.0f));
             }
+    });
+    tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 16), [&](const tbb::blocked_range<uint32_t>& rows) {
+        runWidest(NoiseDeviationRows{src, p.variance.data() + kPad, p.sd.data() + kPad, W, H, rows.begin(), rows.end()});
     });
     PassContext c{src, dst, &guidePlanes, &planes, noise, P};
     tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 4),

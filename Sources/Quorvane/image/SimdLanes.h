@@ -86,15 +86,13 @@ QV_ALWAYS_INLINE V fastLog2(V x) {
     e = high ? e + 1.0f : e;
     V f = m - 1.0f;
     V z = f * f;
-    V p = splat<V>(7.0376836292e-2f);
-    p = p * f - 1.1514610310e-1f;
-    p = p * f + 1.1676998740e-1f;
-    p = p * f - 1.2420140846e-1f;
-    p = p * f + 1.4249322787e-1f;
-    p = p * f - 1.6668057665e-1f;
-    p = p * f + 2.0000714765e-1f;
-    p = p * f - 2.4999993993e-1f;
-    p = p * f + 3.3333331174e-1f;
+    // Estrin's scheme: shorter dependency chains than Horner's.
+    V z2 = z * z;
+    V q0 = f * -2.4999993993e-1f + 3.3333331174e-1f;
+    V q1 = f * -1.6668057665e-1f + 2.0000714765e-1f;
+    V q2 = f * -1.2420140846e-1f + 1.4249322787e-1f;
+    V q3 = f * -1.1514610310e-1f + 1.1676998740e-1f;
+    V p = (q0 + q1 * z) + (q2 + q3 * z) * z2 + 7.0376836292e-2f * (z2 * z2);
     V ln = f + (p * f * z - 0.5f * z);
     return ln * kLog2e + e;
 }
@@ -108,13 +106,12 @@ QV_ALWAYS_INLINE V fastExp2(V t) {
     t = t > 126.0f ? splat<V>(126.0f) : t;
     I i = __builtin_convertvector(t + 127.5f, I) - 127; // floor(t + 1/2): the argument is positive
     V g = (t - __builtin_convertvector(i, V)) * kLn2;
-    V p = splat<V>(1.9875691500e-4f);
-    p = p * g + 1.3981999507e-3f;
-    p = p * g + 8.3334519073e-3f;
-    p = p * g + 4.1665795894e-2f;
-    p = p * g + 1.6666665459e-1f;
-    p = p * g + 5.0000001201e-1f;
-    p = p * g * g + g + 1.0f;
+    V g2 = g * g;
+    V q0 = g * 1.6666665459e-1f + 5.0000001201e-1f;
+    V q1 = g * 8.3334519073e-3f + 4.1665795894e-2f;
+    V q2 = g * 1.9875691500e-4f + 1.3981999507e-3f;
+    V p = (q0 + q1 * g2) + q2 * (g2 * g2);
+    p = p * g2 + g + 1.0f;
     return p * std::bit_cast<V>((i + 127) << 23);
 }
 
