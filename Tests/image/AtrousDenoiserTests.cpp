@@ -113,6 +113,7 @@ TEST(AtrousDenoiser, VectorisedPassMatchesTheReferenceKernel) {
     const float4 settings[][2] = {
         {float4{4, 64, 0.02f, 0.03f}, float4{0.5f, 0.05f, 2, 0}}, // defaults
         {float4{4, 64, 0.02f, 0.0f}, float4{0.5f, 0.0f, 2, 0}},   // coherence and chroma stops off
+        {float4{4, 10, 0.02f, 0.03f}, float4{0.5f, 0.05f, 2, 0}}, // a normal power that is no power of two
     };
     for (const auto& s : settings) {
         std::vector<float4> colour(count), noise(count), guide(count), albedo(count);

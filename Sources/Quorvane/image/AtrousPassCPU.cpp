@@ -28,6 +28,16 @@ struct PassContext {
 constexpr size_t kPad = 48;
 static_assert(kPad >= 2 * 16 + kMaxLanes, "room for the widest step's taps");
 
+// m when all `count` values equal 2^m with m in [1, 7], else -1.
+inline int uniformPowerOfTwoExponent(const float* values, int count) {
+    const float v = values[0];
+    for (int l = 1; l < count; ++l)
+        if (values[l] != v) return -1;
+    for (int m = 1; m <= 7; ++m)
+        if (v == float(1 << m)) return m;
+    return -1;
+}
+
 // Filters the kLanes pixels starting at (x, y): centre values stay in
 // registers while the 25 taps go by.
 template <class V, bool kChroma, bool kCoherence, bool kInterior>
@@ -80,6 +90,11 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
         }
     }
 
+    // Where every pixel of the block has the same normal power 2^m (fully
+    // coherent pixels, the default power 64), the normal weight is m
+    // squarings of the dot product instead of a logarithm and exponential.
+    const int squarings = uniformPowerOfTwoExponent(g.normalPower.data() + kPad + i0, kLanes);
+
     V sumR{}, sumG{}, sumB{}, sumVar{}, sumPv{}, sumW{};
     for (int dy = -2; dy <= 2; ++dy) {
         int qy = int(y) + dy * step;
@@ -95,7 +110,6 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
             else
                 k = ky * tapX[dx + 2];
             V d = n0x * load<V>(nxP + j) + n0y * load<V>(nyP + j) + n0z * load<V>(nzP + j);
-            V t = npow * fastLog2(vmax(d, splat<V>(1e-30f)));
             V rq = load<V>(rP + j), gq = load<V>(gP + j), bq = load<V>(bP + j);
             V dl = l0 - load<V>(lP + j);
             V dch = vmax(vabs((r0 - rq) - dl), vmax(vabs((g0 - gq) - dl), vabs((b0 - bq) - dl)));
@@ -105,8 +119,15 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
                 stop += du * invSigU;
             }
             if constexpr (kCoherence) stop += vmax(coh - load<V>(cohP + j), splat<V>(0.0f)) * invSigW;
-            V w = k * fastExp2(t - stop * kLog2e);
-            w = d > 0.0f ? w : w * zeroPowFactor;
+            V w;
+            if (squarings >= 0) {
+                V wn = vmax(d, splat<V>(0.0f));
+                for (int m = 0; m < squarings; ++m) wn *= wn;
+                w = k * wn * fastExp2(stop * -kLog2e);
+            } else {
+                w = k * fastExp2(npow * fastLog2(vmax(d, splat<V>(1e-30f))) - stop * kLog2e);
+                w = d > 0.0f ? w : w * zeroPowFactor;
+            }
             sumR += rq * w;
             sumG += gq * w;
             sumB += bq * w;
