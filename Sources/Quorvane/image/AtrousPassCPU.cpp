@@ -69,11 +69,12 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
     const V r0 = load<V>(rP + i0), g0 = load<V>(gP + i0), b0 = load<V>(bP + i0), l0 = load<V>(lP + i0);
     const V ur0 = load<V>(urP + i0), ug0 = load<V>(ugP + i0), ub0 = load<V>(ubP + i0);
     const V sd = load<V>(p.sd.data() + kPad + i0);
-    const V invDepth = 1.0f / (c.P.sigmas.z * vmax(z0, splat<V>(0.1f)) * float(step) + 1e-4f);
-    const V invSigL = 1.0f / (c.P.sigmas.x * sd + 0.02f * l0 + 1e-4f);
-    const V invSigU = 1.0f / (c.P.chroma.y + c.P.chroma.z * sd / vmax(l0, splat<V>(1e-6f)));
+    // The stops' scales carry the factor -log2(e) of exp(-x) = 2^(-x log2(e)).
+    const V invDepth = -kLog2e / (c.P.sigmas.z * vmax(z0, splat<V>(0.1f)) * float(step) + 1e-4f);
+    const V invSigL = -kLog2e / (c.P.sigmas.x * sd + 0.02f * l0 + 1e-4f);
+    const V invSigU = -kLog2e / (c.P.chroma.y + c.P.chroma.z * sd / vmax(l0, splat<V>(1e-6f)));
     const float chromaX = c.P.chroma.x;
-    const float invSigW = kCoherence ? 1.0f / c.P.sigmas.w : 0.0f;
+    const float invSigW = kCoherence ? -kLog2e / c.P.sigmas.w : 0.0f;
     // pow(0, p) is 0 for p > 0 and 1 for p = 0, where npow log2(d) is already 0.
     const V zeroPowFactor = npow == 0.0f ? splat<V>(1.0f) : splat<V>(0.0f);
     // Horizontal tap weights, 0 for taps outside the image (they are skipped);
@@ -113,19 +114,19 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
             V rq = load<V>(rP + j), gq = load<V>(gP + j), bq = load<V>(bP + j);
             V dl = l0 - load<V>(lP + j);
             V dch = vmax(vabs((r0 - rq) - dl), vmax(vabs((g0 - gq) - dl), vabs((b0 - bq) - dl)));
-            V stop = vabs(z0 - load<V>(zP + j)) * invDepth + (vabs(dl) + chromaX * dch) * invSigL;
+            V exponent = vabs(z0 - load<V>(zP + j)) * invDepth + (vabs(dl) + chromaX * dch) * invSigL;
             if constexpr (kChroma) {
                 V du = vmax(vabs(ur0 - load<V>(urP + j)), vmax(vabs(ug0 - load<V>(ugP + j)), vabs(ub0 - load<V>(ubP + j))));
-                stop += du * invSigU;
+                exponent += du * invSigU;
             }
-            if constexpr (kCoherence) stop += vmax(coh - load<V>(cohP + j), splat<V>(0.0f)) * invSigW;
+            if constexpr (kCoherence) exponent += vmax(coh - load<V>(cohP + j), splat<V>(0.0f)) * invSigW;
             V w;
             if (squarings >= 0) {
                 V wn = vmax(d, splat<V>(0.0f));
                 for (int m = 0; m < squarings; ++m) wn *= wn;
-                w = k * wn * fastExp2(stop * -kLog2e);
+                w = k * wn * fastExp2(exponent);
             } else {
-                w = k * fastExp2(npow * fastLog2(vmax(d, splat<V>(1e-30f))) - stop * kLog2e);
+                w = k * fastExp2(npow * fastLog2(vmax(d, splat<V>(1e-30f))) + exponent);
                 w = d > 0.0f ? w : w * zeroPowFactor;
             }
             sumR += rq * w;

@@ -1,10 +1,13 @@
 #pragma once
-// The a-trous filter pass laid out for CPU vector units. It computes exactly
-// the per-pixel algorithm of denoiseAtrous (shaders/Atrous.h), but over
-// structure-of-arrays planes with the tap loop outside the pixel loop, so each
-// tap is one contiguous run of pixels across a row, and with the five stop
-// weights folded into one exponential:
+// The a-trous filter pass laid out for CPU vector units (16 lanes with
+// AVX-512, 8 otherwise). It computes the per-pixel algorithm of denoiseAtrous
+// (shaders/Atrous.h) to within float rounding, but over structure-of-arrays
+// planes with the tap loop outside the pixel loop, so each tap is one
+// contiguous run of pixels across a row, and with the five stop weights
+// folded into one exponential:
 //   w = k x 2^(npow log2(n0.nq) - log2(e) (dz/sz + (|dl| + a |dch|)/sL + |du|/sU + dcoh/sW)).
+// Where a run's normal power is one power of two 2^m (fully coherent pixels,
+// the default 64), (n0.nq)^npow is m squarings instead.
 #include "shaders/Atrous.h"
 
 #include <cstdint>

@@ -102,8 +102,7 @@ QV_ALWAYS_INLINE V fastLog2(V x) {
 template <class V>
 QV_ALWAYS_INLINE V fastExp2(V t) {
     using I = IntOf<V>;
-    t = t < -126.0f ? splat<V>(-126.0f) : t;
-    t = t > 126.0f ? splat<V>(126.0f) : t;
+    t = vmin(vmax(t, splat<V>(-126.0f)), splat<V>(126.0f));
     I i = __builtin_convertvector(t + 127.5f, I) - 127; // floor(t + 1/2): the argument is positive
     V g = (t - __builtin_convertvector(i, V)) * kLn2;
     V g2 = g * g;
