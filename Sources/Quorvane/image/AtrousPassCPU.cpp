@@ -153,6 +153,45 @@ QV_ALWAYS_INLINE void filterBlock(const PassContext& c, uint32_t x, uint32_t y) 
     }
 }
 
+// The colour planes of the pixels [i0, i1) from the AoS source: a copy into
+// the rgb, variance and pv planes (pv has a stride of 4), then luminance and
+// chromaticity over whole vectors of those planes.
+struct ColourPlaneFill {
+    const float4* src;
+    const float* pv;
+    float *r, *g, *b, *variance, *luminance, *ur, *ug, *ub, *pvOut;
+    size_t i0, i1;
+
+    template <class V>
+    QV_ALWAYS_INLINE void run() const {
+        for (size_t i = i0; i < i1; ++i) {
+            r[i] = src[i].x;
+            g[i] = src[i].y;
+            b[i] = src[i].z;
+            variance[i] = src[i].w;
+            pvOut[i] = pv[4 * i];
+        }
+        size_t i = i0;
+        for (; i + lanes<V> <= i1; i += lanes<V>) {
+            const V rv = load<V>(r + i), gv = load<V>(g + i), bv = load<V>(b + i);
+            const V l = 0.2126f * rv + 0.7152f * gv + 0.0722f * bv;
+            const V inv = 1.0f / vmax(l, splat<V>(1e-6f));
+            store(luminance + i, l);
+            store(ur + i, rv * inv);
+            store(ug + i, gv * inv);
+            store(ub + i, bv * inv);
+        }
+        for (; i < i1; ++i) {
+            const float l = rec709Luminance(float3{r[i], g[i], b[i]});
+            const float inv = 1.0f / maxFloat(l, 1e-6f);
+            luminance[i] = l;
+            ur[i] = r[i] * inv;
+            ug[i] = g[i] * inv;
+            ub[i] = b[i] * inv;
+        }
+    }
+};
+
 // sd = sqrt(prefilteredVariance) over the rows [y0, y1), from the variance
 // plane: the nine taps of the 3 x 3 Gaussian as vector loads, rows clamped;
 // the first and last columns, whose taps clamp sideways, per pixel. Reads
@@ -249,24 +288,11 @@ void atrousPassCPU(const float4* src, float4* dst, const AtrousGuidePlanes& guid
     for (auto* v : {&p.r, &p.g, &p.b, &p.variance, &p.luminance, &p.ur, &p.ug, &p.ub, &p.pv, &p.sd})
         if (v->size() != count + 2 * kPad) v->assign(count + 2 * kPad, 0.0f);
     const bool readFirst = (P.dims.w & 1u) == 0;
-    tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 8), [&](const tbb::blocked_range<uint32_t>& rows) {
-        for (uint32_t y = rows.begin(); y != rows.end(); ++y)
-            for (uint32_t x = 0; x < W; ++x) {
-                size_t i = size_t(y) * W + x;
-                size_t o = i + kPad;
-                float4 c = src[i];
-                float l = rec709Luminance(xyz(c));
-                float inv = 1.0f / maxFloat(l, 1e-6f);
-                p.r[o] = c.x;
-                p.g[o] = c.y;
-                p.b[o] = c.z;
-                p.variance[o] = c.w;
-                p.luminance[o] = l;
-                p.ur[o] = c.x * inv;
-                p.ug[o] = c.y * inv;
-                p.ub[o] = c.z * inv;
-                p.pv[o] = readFirst ? noise[i].x : noise[i].y;
-            }
+    const float* pvIn = readFirst ? &noise[0].x : &noise[0].y;
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, count, 4096), [&](const tbb::blocked_range<size_t>& r) {
+        runWidest(ColourPlaneFill{src, pvIn, p.r.data() + kPad, p.g.data() + kPad, p.b.data() + kPad,
+                                  p.variance.data() + kPad, p.luminance.data() + kPad, p.ur.data() + kPad,
+                                  p.ug.data() + kPad, p.ub.data() + kPad, p.pv.data() + kPad, r.begin(), r.end()});
     });
     tbb::parallel_for(tbb::blocked_range<uint32_t>(0, H, 16), [&](const tbb::blocked_range<uint32_t>& rows) {
         runWidest(NoiseDeviationRows{src, p.variance.data() + kPad, p.sd.data() + kPad, W, H, rows.begin(), rows.end()});

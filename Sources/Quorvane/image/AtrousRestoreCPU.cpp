@@ -41,7 +41,7 @@ struct RestoreWindows {
 // channels of one window, without the window's most significant tap.
 template <class V>
 QV_ALWAYS_INLINE V windowWeight(const AtrousRestorePlanes& p, ptrdiff_t centre, const ptrdiff_t* taps, int count,
-                                V k) {
+                                const V& k) {
     V best{};
     for (int ch = 0; ch < 3; ++ch) {
         const float* eP = p.energy[ch].data() + centre;
