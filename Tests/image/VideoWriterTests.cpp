@@ -91,7 +91,9 @@ TEST_P(VideoContainers, FileReadsBackWithCodecRateCountAndBT709Tags) {
     EXPECT_EQ(p.packets, frames);
     EXPECT_EQ(std::tuple(p.primaries, p.transfer, p.matrix, p.range),
               std::tuple(AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG));
-    if (c.codecId == AV_CODEC_ID_HEVC) EXPECT_EQ(p.codecTag, MKTAG('h', 'v', 'c', '1'));
+    if (c.codecId == AV_CODEC_ID_HEVC) {
+        EXPECT_EQ(p.codecTag, MKTAG('h', 'v', 'c', '1'));
+    }
     // B-frames are allowed, so the stream reorders.
     EXPECT_GT(p.videoDelay, 0);
     // A key frame at least every 2 x fps = 24 frames.
