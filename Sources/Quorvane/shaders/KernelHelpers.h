@@ -130,20 +130,34 @@ QV_KERNEL void buildCdfGuide(const float* cdf, uint32_t n, uint32_t* guide) {
     }
 }
 
-QV_KERNEL uint32_t searchCdfGuided(const float* cdf, uint32_t n, float u, const uint32_t* guide) {
+// The range [lo, hi] of a guided search for u: the answer lies within it.
+struct CdfRange {
+    uint32_t lo, hi;
+};
+
+QV_KERNEL CdfRange cdfGuideRange(uint32_t n, float u, const uint32_t* guide) {
     float scaled = u * float(CDF_GUIDE_N);
     uint32_t k = scaled >= float(CDF_GUIDE_N) ? CDF_GUIDE_N - 1u : (scaled > 0.0f ? uint32_t(scaled) : 0u);
     uint32_t lo = guide[k];
     uint32_t hi = guide[k + 1u];
     if (hi > n - 1u) hi = n - 1u;
     if (lo > hi) lo = hi;
-    uint32_t len = hi - lo + 1u;
+    return CdfRange{lo, hi};
+}
+
+QV_KERNEL uint32_t searchCdfRange(const float* cdf, CdfRange r, float u) {
+    uint32_t lo = r.lo;
+    uint32_t len = r.hi - r.lo + 1u;
     while (len > 1u) {
         uint32_t half = len / 2u;
         lo = cdf[lo + half - 1u] > u ? lo : lo + half;
         len -= half;
     }
     return lo;
+}
+
+QV_KERNEL uint32_t searchCdfGuided(const float* cdf, uint32_t n, float u, const uint32_t* guide) {
+    return searchCdfRange(cdf, cdfGuideRange(n, u, guide), u);
 }
 
 // Atomic increment of a stats counter shared by all pixels.

@@ -7,3 +7,11 @@
 #else
 #define QV_KERNEL inline
 #endif
+
+// A hint to start loading the cache line at an address that a dependent load
+// will soon need; no effect on results.
+#if defined(__CUDACC__)
+#define QV_PREFETCH(address) ((void)(address))
+#else
+#define QV_PREFETCH(address) __builtin_prefetch(address)
+#endif

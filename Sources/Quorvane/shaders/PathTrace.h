@@ -248,7 +248,7 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     const SceneData& s = k.s;
     float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
     SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, k.u.counts.z,
-                                   k.u.counts.w, r);
+                                   k.u.counts.w, r, s.sky);
     if (!(ss.pdf > 0.0f) || !sc.receives(ss.dir)) return;
     float3 l = toLocal(frame, ss.dir);
     BSDFEval e = sc.eval(l);

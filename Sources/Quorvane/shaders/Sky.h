@@ -424,11 +424,23 @@ QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const fl
 // The same choice through the tables' search guides (CDF_GUIDE_N + 1 entries
 // for the rows, as many per row for the columns): identical results, a
 // fraction of the memory traffic.
+// With `sky`, the map texels around the chosen one are requested early, for
+// the radiance lookup that follows.
 QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
                                     const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
-                                    float4 u) {
+                                    float4 u, const float4* sky = nullptr) {
     uint32_t row = searchCdfGuided(rowCdf, H, u.x, rowGuide);
-    uint32_t col = searchCdfGuided(colCdf + size_t(row) * W, W, u.y, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
+    const size_t rowStart = size_t(row) * W;
+    CdfRange range = cdfGuideRange(W, u.y, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
+    // The texel lies in [lo, hi], usually within a cache line or two: start
+    // loading its density and radiance while the column search runs.
+    QV_PREFETCH(skyPdf + rowStart + range.lo);
+    if (sky) {
+        QV_PREFETCH(sky + rowStart + range.lo);
+        if (row > 0u) QV_PREFETCH(sky + rowStart - W + range.lo);
+        if (row + 1u < H) QV_PREFETCH(sky + rowStart + W + range.lo);
+    }
+    uint32_t col = searchCdfRange(colCdf + rowStart, range, u.y);
     return skySampleTexel(skyPdf, W, H, row, col, u);
 }
 
