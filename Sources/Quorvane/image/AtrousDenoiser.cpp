@@ -2,7 +2,7 @@
 
 #include "image/AtrousPassCPU.h"
 #include "image/AtrousRestoreCPU.h"
-#include "image/EnvNumbers.h"
+#include "scene/EnvSwitches.h"
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
@@ -25,8 +25,12 @@ void forEachPixel(uint32_t width, uint32_t height, const Body& body) {
 
 std::optional<std::vector<float>> numbersOf(const char* value) {
     if (!value) return std::nullopt;
-    return parseNumberList(value);
+    auto numbers = EnvSwitches::parseNumberList(value);
+    if (!numbers) return std::nullopt;
+    return std::vector<float>(numbers->begin(), numbers->end());
 }
+
+const char* switchText(const std::optional<std::string>& text) { return text ? text->c_str() : nullptr; }
 
 } // namespace
 
@@ -42,9 +46,10 @@ AtrousSettings AtrousSettings::fromValues(const char* sigmas, const char* chroma
 }
 
 const AtrousSettings& AtrousSettings::fromEnvironment() {
+    const EnvSwitches& env = EnvSwitches::process();
     static const AtrousSettings settings =
-        fromValues(std::getenv("QV_ATROUS_SIGMAS"), std::getenv("QV_ATROUS_CHROMA"), std::getenv("QV_DN_CREASE"),
-                   std::getenv("QV_DN_RESTORE"));
+        fromValues(switchText(env.text("QV_ATROUS_SIGMAS")), switchText(env.text("QV_ATROUS_CHROMA")),
+                   switchText(env.text("QV_DN_CREASE")), switchText(env.text("QV_DN_RESTORE")));
     return settings;
 }
 

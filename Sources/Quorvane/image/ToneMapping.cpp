@@ -1,6 +1,6 @@
 #include "image/ToneMapping.h"
 
-#include "image/EnvNumbers.h"
+#include "scene/EnvSwitches.h"
 
 #include <tbb/blocked_range2d.h>
 #include <tbb/parallel_for.h>
@@ -90,13 +90,14 @@ std::vector<float4> toneMapWithConfidence(const float4* src, const float4* guide
 float2 confidenceRangeFrom(const char* value) {
     float2 range{0.04f, 0.16f};
     if (!value) return range;
-    auto numbers = parseNumberList(value);
-    if (numbers && numbers->size() == 2) range = float2{(*numbers)[0], (*numbers)[1]};
+    auto numbers = EnvSwitches::parseNumberList(value);
+    if (numbers && numbers->size() == 2) range = float2{float((*numbers)[0]), float((*numbers)[1])};
     return range;
 }
 
 float2 confidenceRange() {
-    static const float2 range = confidenceRangeFrom(std::getenv("QV_CONF"));
+    static const std::optional<std::string> text = EnvSwitches::process().text("QV_CONF");
+    static const float2 range = confidenceRangeFrom(text ? text->c_str() : nullptr);
     return range;
 }
 

@@ -96,11 +96,8 @@ int64_t EnvSwitches::integer(std::string_view name, int64_t fallback) const {
     return integer(name).value_or(fallback);
 }
 
-std::optional<std::vector<double>> EnvSwitches::numbers(std::string_view name, std::size_t count) const {
-    auto value = text(name);
-    if (!value) return std::nullopt;
+std::optional<std::vector<double>> EnvSwitches::parseNumberList(std::string_view rest) {
     std::vector<double> out;
-    std::string_view rest = *value;
     while (true) {
         size_t comma = rest.find(',');
         auto v = finiteNumber(rest.substr(0, comma));
@@ -109,7 +106,14 @@ std::optional<std::vector<double>> EnvSwitches::numbers(std::string_view name, s
         if (comma == std::string_view::npos) break;
         rest.remove_prefix(comma + 1);
     }
-    if (out.size() != count) return std::nullopt;
+    return out;
+}
+
+std::optional<std::vector<double>> EnvSwitches::numbers(std::string_view name, std::size_t count) const {
+    auto value = text(name);
+    if (!value) return std::nullopt;
+    auto out = parseNumberList(*value);
+    if (!out || out->size() != count) return std::nullopt;
     return out;
 }
 

@@ -46,6 +46,10 @@ public:
     // Exactly `count` finite numbers separated by commas ("0.5,2" or "1, 2, 3").
     std::optional<std::vector<double>> numbers(std::string_view name, std::size_t count) const;
 
+    // The finite numbers of a comma-separated list, or nothing when any item
+    // is empty or not a finite number: the one reader of numeric lists.
+    static std::optional<std::vector<double>> parseNumberList(std::string_view text);
+
     // The pair "a,b".
     std::optional<std::pair<double, double>> pair(std::string_view name) const;
     std::pair<double, double> pair(std::string_view name, std::pair<double, double> fallback) const;
