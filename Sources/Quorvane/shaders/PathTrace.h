@@ -120,7 +120,7 @@ struct GuideHit {
     float3 nrm;
     float dist = 1e4f;
     float3 diff;
-    float3 spec;
+    float3 specular;
     float rough = 1.0f;
 };
 
@@ -166,7 +166,7 @@ QV_KERNEL GuideHit guideBehindGlass(const KernelContext<Tracer>& k, float3 o, fl
                 g.nrm = sh.ng;
                 g.dist = travelled;
                 g.diff = tint;
-                g.spec = splat3(0.04f);
+                g.specular = splat3(0.04f);
                 g.rough = m.extra.y;
                 return g;
             }
@@ -175,7 +175,7 @@ QV_KERNEL GuideHit guideBehindGlass(const KernelContext<Tracer>& k, float3 o, fl
                 g.nrm = sh.ng;
                 g.dist = travelled;
                 g.diff = splat3(0.8f);
-                g.spec = splat3(0.04f);
+                g.specular = splat3(0.04f);
                 g.rough = 0.5f;
                 return g;
             }
@@ -197,7 +197,7 @@ QV_KERNEL GuideHit guideBehindGlass(const KernelContext<Tracer>& k, float3 o, fl
         BSDF b = makeBSDF(k.s.dfg, k.s.dfgAvg, base, metallic, rough, std::fmax(-dot(d, ns), 1e-4f));
         float2 tv = dfgLookup(k.s.dfg, std::fmax(-dot(d, ns), 1e-4f), rough);
         g.diff = b.diffuse * PI;
-        g.spec = clamp((b.F0 * tv.x + splat3(tv.y)) * b.msScale, 0.0f, 1.0f);
+        g.specular = clamp((b.F0 * tv.x + splat3(tv.y)) * b.msScale, 0.0f, 1.0f);
         g.rough = rough;
         return g;
     }
@@ -387,7 +387,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                             out.gDepth = g.dist;
                             if (kGuides && !matGuide) {
                                 out.gDiff = g.diff;
-                                out.gSpec = g.spec;
+                                out.gSpec = g.specular;
                                 out.gRough = g.rough;
                                 matGuide = true;
                             }
