@@ -247,16 +247,21 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
                       float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
     const SceneData& s = k.s;
     float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-    SkySample ss = sampleSkyGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide, k.u.counts.z,
-                                   k.u.counts.w, r, s.sky);
-    if (!(ss.pdf > 0.0f) || !sc.receives(ss.dir)) return;
-    float3 l = toLocal(frame, ss.dir);
+    SkyTexelSample ts = sampleSkyTexelGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide,
+                                             k.u.counts.z, k.u.counts.w, r, s.sky);
+    // Cheap rejections first: most sky samples inside a house are shadowed,
+    // and their density and radiance need not be read at all.
+    if (!(ts.sinTheta > 1e-6f) || !sc.receives(ts.dir)) return;
+    float3 l = toLocal(frame, ts.dir);
     BSDFEval e = sc.eval(l);
     if (!(maxComp(e.f) > 0.0f)) return;
-    float3 T = shadowTransmittance(s, k.tr, sc.origin(l), ss.dir, BIG);
-    float w = sw.neeOnly ? 1.0f : misW(ss.pdf, e.pdf);
-    float3 Ls = skyLookup(s.sky, k.u.counts.z, k.u.counts.w, ss.dir);
-    addC(L, beta * e.f * std::fabs(l.z) * Ls * T * (w / ss.pdf), doClamp, sw.clampLum, bad);
+    float3 T = shadowTransmittance(s, k.tr, sc.origin(l), ts.dir, BIG);
+    if (!(maxComp(T) > 0.0f)) return;
+    float pdf = skyTexelPdf(s.skyPdf, k.u.counts.z, ts);
+    if (!(pdf > 0.0f)) return;
+    float w = sw.neeOnly ? 1.0f : misW(pdf, e.pdf);
+    float3 Ls = skyLookup(s.sky, k.u.counts.z, k.u.counts.w, ts.dir);
+    addC(L, beta * e.f * std::fabs(l.z) * Ls * T * (w / pdf), doClamp, sw.clampLum, bad);
 }
 
 // One lamp, chosen with normal n; lamps are sampled only on the incident side

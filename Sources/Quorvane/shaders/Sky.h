@@ -401,15 +401,25 @@ struct SkySample {
     float pdf = 0; // solid-angle density (1/sr); 0 = no sample
 };
 
-// A point uniform in (theta, phi) within texel (col, row), with its density.
-QV_KERNEL SkySample skySampleTexel(const float* skyPdf, uint32_t W, uint32_t H, uint32_t row, uint32_t col, float4 u) {
+
+// A texel chosen by the tables and a direction in it, before its density is
+// read: a caller that may discard the direction avoids that memory access.
+struct SkyTexelSample {
+    float3 dir;           // unit direction, model space
+    uint32_t row = 0, col = 0;
+    float sinTheta = 0;
+};
+
+QV_KERNEL SkyTexelSample skyTexelDirection(uint32_t W, uint32_t H, uint32_t row, uint32_t col, float4 u) {
     float phi = (float(col) + u.z) * TWO_PI / float(W);
     float theta = (float(row) + u.w) * PI / float(H);
     float st = std::sin(theta);
-    SkySample s;
-    s.dir = float3{st * std::cos(phi), std::cos(theta), st * std::sin(phi)};
-    s.pdf = st <= 1e-6f ? 0.0f : skyPdf[size_t(row) * W + col] / st;
-    return s;
+    return SkyTexelSample{float3{st * std::cos(phi), std::cos(theta), st * std::sin(phi)}, row, col, st};
+}
+
+// Solid-angle density of a texel sample; 0 at the poles.
+QV_KERNEL float skyTexelPdf(const float* skyPdf, uint32_t W, const SkyTexelSample& t) {
+    return t.sinTheta <= 1e-6f ? 0.0f : skyPdf[size_t(t.row) * W + t.col] / t.sinTheta;
 }
 
 // Picks a row, then a column, by the cumulative tables, then a point uniform in
@@ -418,22 +428,21 @@ QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const fl
                               float4 u) {
     uint32_t row = searchCdf(rowCdf, H, u.x);
     uint32_t col = searchCdf(colCdf + size_t(row) * W, W, u.y);
-    return skySampleTexel(skyPdf, W, H, row, col, u);
+    SkyTexelSample t = skyTexelDirection(W, H, row, col, u);
+    return SkySample{t.dir, skyTexelPdf(skyPdf, W, t)};
 }
 
-// The same choice through the tables' search guides (CDF_GUIDE_N + 1 entries
-// for the rows, as many per row for the columns): identical results, a
-// fraction of the memory traffic.
-// With `sky`, the map texels around the chosen one are requested early, for
-// the radiance lookup that follows.
-QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
-                                    const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
-                                    float4 u, const float4* sky = nullptr) {
+// The choice of sampleSky through the tables' search guides (CDF_GUIDE_N + 1
+// entries for the rows, as many per row for the columns): identical results,
+// a fraction of the memory traffic. With `sky`, the chosen texel's density and
+// the map texels around it are requested while the column search runs.
+QV_KERNEL SkyTexelSample sampleSkyTexelGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
+                                              const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W,
+                                              uint32_t H, float4 u, const float4* sky = nullptr) {
     uint32_t row = searchCdfGuided(rowCdf, H, u.x, rowGuide);
     const size_t rowStart = size_t(row) * W;
     CdfRange range = cdfGuideRange(W, u.y, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
-    // The texel lies in [lo, hi], usually within a cache line or two: start
-    // loading its density and radiance while the column search runs.
+    // The texel lies in [lo, hi], usually within a cache line or two.
     QV_PREFETCH(skyPdf + rowStart + range.lo);
     if (sky) {
         QV_PREFETCH(sky + rowStart + range.lo);
@@ -441,7 +450,14 @@ QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, co
         if (row + 1u < H) QV_PREFETCH(sky + rowStart + W + range.lo);
     }
     uint32_t col = searchCdfRange(colCdf + rowStart, range, u.y);
-    return skySampleTexel(skyPdf, W, H, row, col, u);
+    return skyTexelDirection(W, H, row, col, u);
+}
+
+QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
+                                    const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
+                                    float4 u) {
+    SkyTexelSample t = sampleSkyTexelGuided(rowCdf, colCdf, skyPdf, rowGuide, colGuide, W, H, u);
+    return SkySample{t.dir, skyTexelPdf(skyPdf, W, t)};
 }
 
 } // namespace qv
