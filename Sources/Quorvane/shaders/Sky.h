@@ -61,6 +61,22 @@ constexpr float SKY_BELOW_HORIZON_FLOOR = 0.35f; // darkening reached at 1/6 rad
 QV_KERNEL float3 skyBetaR() { return {5.802e-6f, 13.558e-6f, 33.1e-6f}; }
 QV_KERNEL float3 skyBetaO() { return {0.650e-6f, 1.881e-6f, 0.085e-6f}; }
 
+// Step i of N along a view ray of length tMax, spaced quadratically so the
+// dense air near the ground gets the short steps: the segment's length and
+// midpoint; `prev` carries the end of the previous step.
+struct SkyStep {
+    float tm; // midpoint distance (m)
+    float ds; // length (m)
+};
+QV_KERNEL SkyStep skyViewStep(uint32_t i, uint32_t N, float tMax, float& prev) {
+    float f = (float(i) + 1.0f) / float(N);
+    float t1 = tMax * f * f;
+    float ds = t1 - prev;
+    float tm = prev + 0.5f * ds;
+    prev = t1;
+    return SkyStep{tm, ds};
+}
+
 // Densities (Rayleigh, Mie, ozone) relative to sea level at height h.
 QV_KERNEL float3 skyDensities(float h) {
     return {std::exp(-h / SKY_HR), std::exp(-h / SKY_HM),
@@ -183,11 +199,8 @@ QV_KERNEL float3 skyRadianceDirect(const SkyParams& P, float3 vIn) {
     float prev = 0.0f;
     const float r0 = SKY_RE + h0;
     for (uint32_t i = 0; i < N; ++i) {
-        float f = (float(i) + 1.0f) / float(N);
-        float t1 = tMax * f * f;
-        float ds = t1 - prev;
-        float tm = prev + 0.5f * ds;
-        prev = t1;
+        SkyStep step = skyViewStep(i, N, tMax, prev);
+        float ds = step.ds, tm = step.tm;
         float h = skyHeightAlong(h0, v.y, tm);
         float3 rho = skyDensities(h);
         float3 ext = skyExtinction(rho, mieScale);
@@ -304,11 +317,8 @@ QV_KERNEL void skyRowSetup(const SkyParams& P, float cosUp, SkyRowSteps& row) {
     float3 depth{};
     float prev = 0.0f;
     for (uint32_t i = 0; i < N; ++i) {
-        float f = (float(i) + 1.0f) / float(N);
-        float t1 = tMax * f * f;
-        float ds = t1 - prev;
-        float tm = prev + 0.5f * ds;
-        prev = t1;
+        SkyStep step = skyViewStep(i, N, tMax, prev);
+        float ds = step.ds, tm = step.tm;
         float h = skyHeightAlong(h0, cosUp, tm);
         float3 rho = skyDensities(h);
         float3 ext = skyExtinction(rho, P.tint.w);
