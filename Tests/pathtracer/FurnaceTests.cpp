@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -134,6 +135,8 @@ Estimate referenceWalk(const FurnaceCase& c, const GPUUniforms& u, const EnergyT
     double mean = sum / chains;
     return Estimate{mean, std::sqrt(std::max(sum2 / chains - mean * mean, 0.0) / (chains - 1))};
 }
+
+void PrintTo(const FurnaceCase& c, std::ostream* os) { *os << c.name; }
 
 class ClosedFurnace : public ::testing::TestWithParam<FurnaceCase> {};
 
