@@ -1,0 +1,246 @@
+// The per-pixel sums of the camera kernel on scenes where every sample's
+// value is known: accum = (sum of radiance, sample count), guideA = (sum of
+// first-hit albedo, sum of first-hit distance along the ray), guideB = (sum
+// of first-hit normal facing the camera, sum of squared sample luminance),
+// and the stats counters of non-finite samples and dropped contributions.
+#include "RenderTestScenes.h"
+
+#include "shaders/CameraRays.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace qv {
+namespace {
+
+using namespace testscenes;
+
+const float3 kAlbedo{0.5f, 0.4f, 0.3f};
+const float3 kLe{3.0f, 2.0f, 1.0f};
+constexpr float kWallZ = -2.0f;
+constexpr float kWallDistance = 2.0f;
+
+// A wall in the plane z = -2 whose winding normal faces +z, large enough to
+// fill the view of a camera 2 m in front of it or behind it.
+SceneMaker wall(bool doubleSided) {
+    SceneMaker sm;
+    uint32_t mat = sm.material(kAlbedo, 0.7f, 0.0f, kLe, doubleSided);
+    sm.quad({-4, -3, kWallZ}, {4, -3, kWallZ}, {4, 5, kWallZ}, {-4, 5, kWallZ}, mat);
+    sm.finish();
+    return sm;
+}
+
+struct WallView {
+    std::string name;
+    bool fromFront;    // the camera looks at the winding normal's side
+    bool doubleSided;  // the wall emits from both faces
+};
+
+void PrintTo(const WallView& v, std::ostream* os) { *os << v.name; }
+
+constexpr int kW = 9, kH = 7;
+constexpr float kFovDeg = 40; // vertical
+
+CameraDef wallCamera(bool fromFront) {
+    const float z = fromFront ? kWallZ + kWallDistance : kWallZ - kWallDistance;
+    return camera({0, 1, z}, {0, 1, kWallZ}, kFovDeg);
+}
+
+// Hit distance of the ray through image position (x, y) for a wall square to
+// the view at distance D: D |(sx a t, sy t, 1)|, with t = tan(fov / 2) and
+// a the aspect ratio.
+double wallDistance(double x, double y) {
+    const double t = std::tan(kFovDeg * 3.14159265358979323846 / 360.0), a = double(kW) / kH;
+    const double sx = (2 * x / kW - 1) * a * t, sy = (1 - 2 * y / kH) * t;
+    return kWallDistance * std::sqrt(1 + sx * sx + sy * sy);
+}
+
+// The range and the tent-weighted mean of the hit distance over the pixel's
+// filter support, the square of side 2 round its centre.
+struct DistanceRange {
+    double lo = 1e30, hi = 0, mean = 0;
+};
+
+DistanceRange pixelDistances(int px, int py) {
+    DistanceRange r;
+    const int q = 64;
+    double wsum = 0;
+    for (int i = 0; i <= q; ++i)
+        for (int j = 0; j <= q; ++j) {
+            double ox = -1 + 2.0 * i / q, oy = -1 + 2.0 * j / q;
+            double d = wallDistance(px + 0.5 + ox, py + 0.5 + oy);
+            r.lo = std::min(r.lo, d);
+            r.hi = std::max(r.hi, d);
+            double w = (1 - std::fabs(ox)) * (1 - std::fabs(oy));
+            r.mean += w * d;
+            wsum += w;
+        }
+    r.mean /= wsum;
+    return r;
+}
+
+// n equal floats added one at a time, as the kernel accumulates them.
+float sumOf(float v, int n) {
+    float s = 0;
+    for (int k = 0; k < n; ++k) s += v;
+    return s;
+}
+float3 sumOf(float3 v, int n) { return float3{sumOf(v.x, n), sumOf(v.y, n), sumOf(v.z, n)}; }
+
+class WallSums : public ::testing::TestWithParam<WallView> {};
+
+// maxDepth 0: a sample is the emission seen at the first hit and nothing
+// else, so every sum but the distance is known exactly.
+TEST_P(WallSums, OneAndManySamplesHoldTheFirstHitValues) {
+    const WallView& v = GetParam();
+    RenderSettings s = smallSettings(kW, kH, 0);
+    s.emissiveNits = 1;
+    s.seed = 6;
+    Render rd = render(wall(v.doubleSided), s, blackSky(), wallCamera(v.fromFront), 0);
+    Renderer& r = *rd.r;
+    const bool emits = v.fromFront || v.doubleSided;
+    const float3 L = emits ? kLe : float3{};
+    const float3 normal{0, 0, v.fromFront ? 1.0f : -1.0f}; // facing the camera
+    const float lum = luminance(L);
+
+    for (int n : {1, 16}) {
+        r.encodeSamples(n == 1 ? 1 : n - 1);
+        ASSERT_EQ(r.sampleCount(), n);
+        int badExact = 0;
+        double zMax = 0;
+        for (int py = 0; py < kH; ++py)
+            for (int px = 0; px < kW; ++px) {
+                const size_t p = size_t(py * kW + px);
+                const float4 a = r.accum()[p], ga = r.guideA()[p], gb = r.guideB()[p];
+                // The unit normal may come out of a fast reciprocal square
+                // root one unit in the last place short.
+                const float3 nrm = xyz(gb) / float(n);
+                const bool normalOk = std::fabs(nrm.x - normal.x) <= 1e-6f && std::fabs(nrm.y - normal.y) <= 1e-6f &&
+                                      std::fabs(nrm.z - normal.z) <= 1e-6f;
+                if (a != make_float4(sumOf(L, n), float(n)) || xyz(ga) != sumOf(kAlbedo, n) || !normalOk ||
+                    gb.w != sumOf(lum * lum, n)) {
+                    ++badExact;
+                    ADD_FAILURE() << "pixel (" << px << ", " << py << ") after " << n << " samples: accum (" << a.x
+                                  << ", " << a.y << ", " << a.z << ", " << a.w << "), albedo (" << ga.x << ", "
+                                  << ga.y << ", " << ga.z << "), normal (" << gb.x << ", " << gb.y << ", " << gb.z
+                                  << "), lum2 " << gb.w;
+                }
+                // The distance is along the ray, not the depth to the wall's
+                // plane: within the range over the pixel's support, and its
+                // mean near the tent-weighted mean (the spread within the
+                // support bounds the standard deviation by half the range).
+                const DistanceRange d = pixelDistances(px, py);
+                const double mean = ga.w / n;
+                EXPECT_GE(mean, d.lo * (1 - 1e-6)) << px << ", " << py;
+                EXPECT_LE(mean, d.hi * (1 + 1e-6)) << px << ", " << py;
+                const double se = 0.5 * (d.hi - d.lo) / std::sqrt(double(n));
+                zMax = std::max(zMax, std::fabs(mean - d.mean) / se);
+            }
+        EXPECT_EQ(badExact, 0);
+        EXPECT_LT(zMax, 4.5) << "a pixel's mean distance is far from its tent-weighted mean";
+        EXPECT_EQ(r.statCounter(STAT_NONFINITE_SAMPLE), 0u);
+        EXPECT_EQ(r.statCounter(STAT_DROPPED_SAMPLE), 0u);
+    }
+    // The corner pixels look 1.16 times further than the wall's plane.
+    EXPECT_GT(r.guideA()[0].w / 16, 1.1f * kWallDistance);
+}
+
+INSTANTIATE_TEST_SUITE_P(Views, WallSums,
+                         ::testing::Values(WallView{"FrontOfOneSidedEmitter", true, false},
+                                           WallView{"BackOfOneSidedEmitter", false, false},
+                                           WallView{"BackOfTwoSidedEmitter", false, true}),
+                         [](const ::testing::TestParamInfo<WallView>& i) { return i.param.name; });
+
+TEST(AlbedoMode, AccumHoldsTheAlbedoGuideTimesTheWhiteLuminance) {
+    RenderSettings s = smallSettings(kW, kH, 4);
+    s.debugAlbedo = true;
+    s.emissiveNits = 1;
+    Render rd = render(wall(false), s, blackSky(), wallCamera(true), 3);
+    const Renderer& r = *rd.r;
+    const float white = r.whiteLuminance();
+    ASSERT_GT(white, 0.0f);
+    for (size_t p = 0; p < r.accum().size(); ++p) {
+        const float4 a = r.accum()[p];
+        const float3 want = sumOf(kAlbedo * white, 3);
+        EXPECT_EQ(xyz(a), want) << "pixel " << p;
+        EXPECT_EQ(xyz(r.guideA()[p]), sumOf(kAlbedo, 3));
+        EXPECT_EQ(r.guideB()[p].w, sumOf(luminance(kAlbedo * white) * luminance(kAlbedo * white), 3));
+    }
+}
+
+// ---- Non-finite samples, through the kernel on a scene of sky only -------------
+
+struct NothingTracer {
+    KernelHit opaque(float3, float3, float) const { return KernelHit{}; }
+    KernelHit aux(float3, float3, float) const { return KernelHit{}; }
+    KernelHit glass(float3, float3, float, float) const { return KernelHit{}; }
+    bool opaqueOccluded(float3, float3, float) const { return false; }
+};
+
+struct SkyOnlyCase {
+    std::string name;
+    float sky;        // radiance of the one sky texel (all channels)
+    float sun;        // radiance of the sun disc, 0 = no sun
+    float3 accumRgb;  // what the sample adds to accum.rgb
+    uint32_t nonFinite, dropped; // stats counters 0 and 1 after the sample
+};
+
+void PrintTo(const SkyOnlyCase& c, std::ostream* os) { *os << c.name; }
+
+class NonFiniteSamples : public ::testing::TestWithParam<SkyOnlyCase> {};
+
+TEST_P(NonFiniteSamples, AreCountedAndStillAddOneToTheSampleCount) {
+    const SkyOnlyCase& c = GetParam();
+    const float4 skyTexel{c.sky, c.sky, c.sky, 0};
+    SceneData scene;
+    scene.sky = &skyTexel;
+    GPUUniforms u{};
+    u.camPos = float4{0, 1, 0, 0};
+    u.camFwd = float4{0, 0, -1, 0};
+    u.camRight = float4{0.5f, 0, 0, 0};
+    u.camUp = float4{0, 0.5f, 0, 0};
+    u.dims = uint4{2, 2, 0, 3};
+    u.counts = uint4{0, 0, 1, 1};
+    if (c.sun > 0) {
+        // A disc 60 degrees across round the view direction.
+        u.flags.x = FLAG_SUN;
+        u.sunDir = float4{0, 0, -1, 0.5f};
+        u.sunRadiance = float4{c.sun, c.sun, c.sun, PI};
+    }
+    std::vector<float4> accum(4, float4{1, 1, 1, 1}), guideA(4), guideB(4);
+    std::vector<uint32_t> stats(STAT_COUNT, 0u);
+    FrameSums sums;
+    sums.accum = accum.data();
+    sums.guideA = guideA.data();
+    sums.guideB = guideB.data();
+    sums.stats = stats.data();
+    NothingTracer tracer;
+    KernelTextures textures;
+    pathTracePixel<false>(KernelContext<NothingTracer>{u, scene, tracer, textures}, sums, 1, 0);
+    EXPECT_EQ(accum[1], make_float4(float3{1, 1, 1} + c.accumRgb, 2.0f));
+    EXPECT_EQ(stats[STAT_NONFINITE_SAMPLE], c.nonFinite);
+    EXPECT_EQ(stats[STAT_DROPPED_SAMPLE], c.dropped);
+    // The guides of an escaped ray are kept: albedo 1 and distance 1e4.
+    EXPECT_EQ(guideA[1], (float4{1, 1, 1, 1e4f}));
+    EXPECT_EQ(guideB[1].w, luminance(c.accumRgb) * luminance(c.accumRgb));
+    for (size_t p : {0u, 2u, 3u}) EXPECT_EQ(accum[p], (float4{1, 1, 1, 1})) << "only its own pixel changes";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sky, NonFiniteSamples,
+    ::testing::Values(
+        SkyOnlyCase{"FiniteSky", 2.0f, 0.0f, {2, 2, 2}, 0, 0},
+        // A NaN contribution is dropped: the sample is black and counted as dropped.
+        SkyOnlyCase{"NaNSkyIsDropped", std::nanf(""), 0.0f, {0, 0, 0}, 0, 1},
+        SkyOnlyCase{"InfiniteSkyIsDropped", INFINITY, 0.0f, {0, 0, 0}, 0, 1},
+        // Two finite contributions whose sum overflows: the sample is replaced by black.
+        SkyOnlyCase{"OverflowingSumIsBlack", 3.0e38f, 3.0e38f, {0, 0, 0}, 1, 0}),
+    [](const ::testing::TestParamInfo<SkyOnlyCase>& i) { return i.param.name; });
+
+} // namespace
+} // namespace qv
