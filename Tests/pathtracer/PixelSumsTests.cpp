@@ -5,6 +5,9 @@
 // and the stats counters of non-finite samples and dropped contributions.
 #include "RenderTestScenes.h"
 
+#include "pathtracer/EnergyTables.h"
+#include "pathtracer/SceneTracer.h"
+#include "shaders/BSDF.h"
 #include "shaders/CameraRays.h"
 
 #include <gtest/gtest.h>
@@ -172,6 +175,95 @@ TEST(AlbedoMode, AccumHoldsTheAlbedoGuideTimesTheWhiteLuminance) {
         EXPECT_EQ(r.guideB()[p].w, sumOf(luminance(kAlbedo * white) * luminance(kAlbedo * white), 3));
     }
 }
+
+// ---- Temporal-denoiser guides, through the guides variant of the kernel ----------
+
+struct TemporalGuideCase {
+    std::string name;
+    bool fromFront;
+    bool albedoMode;
+};
+
+void PrintTo(const TemporalGuideCase& c, std::ostream* os) { *os << c.name; }
+
+class TemporalGuides : public ::testing::TestWithParam<TemporalGuideCase> {};
+
+// guideX per pixel: (diffuse albedo, roughness), (specular albedo, 0) of the
+// BSDF at the first scattering vertex, and (primary emission capped by the
+// sample, coverage). Depth 2 lets the wall light the ground and come back,
+// so the sample exceeds the emission the camera sees directly.
+TEST_P(TemporalGuides, HoldTheFirstVertexAlbedosAndThePrimaryEmission) {
+    const TemporalGuideCase& c = GetParam();
+    RenderSettings s = smallSettings(kW, kH, 2);
+    s.emissiveNits = 1;
+    s.debugAlbedo = c.albedoMode;
+    Render rd = render(wall(false), s, blackSky(), wallCamera(c.fromFront), 0);
+    const GeometryBuild& g = *rd.r->geometry();
+    ASSERT_FALSE(rd.r->sunOn());
+    GPUUniforms u = rd.r->updateUniforms();
+    u.flags.x = (u.flags.x & ~FLAG_SKY_NEE) | FLAG_MFX_GUIDES;
+    u.params2 = float4{0, 0, 1, 0}; // every sample through the pixel centre
+    const float4 blackTexel{0, 0, 0, 0};
+    u.counts.z = u.counts.w = 1;
+    static const EnergyTables tables = buildEnergyTables(); // shared by the cases
+    SceneData scene = geometrySceneData(g);
+    scene.sky = &blackTexel;
+    scene.dfg = tables.dfg.data();
+    scene.dfgAvg = tables.dfgAvg.data();
+    const SceneTracer tracer(g.opAS.get(), g.auxAS.get(), g.glassAS.get());
+    const KernelTextures textures;
+
+    const size_t P = size_t(kW * kH);
+    std::vector<float4> accum(P), guideA(P), guideB(P), guideX(P * GUIDEX_PER_PIXEL);
+    std::vector<uint32_t> stats(STAT_COUNT, 0u);
+    const FrameSums sums{accum.data(), guideA.data(), guideB.data(), guideX.data(), stats.data()};
+    const int samples = 4;
+    struct Pixel {
+        uint32_t x, y;
+    };
+    for (Pixel px : {Pixel{0, 0}, Pixel{4, 3}, Pixel{8, 6}, Pixel{2, 5}}) {
+        for (int k = 0; k < samples; ++k) {
+            u.dims.z = uint32_t(k);
+            pathTracePixel<true>(KernelContext<SceneTracer>{u, scene, tracer, textures}, sums, px.x, px.y);
+        }
+        const size_t p = size_t(px.y) * kW + px.x;
+        const float4* gx = &guideX[p * GUIDEX_PER_PIXEL];
+        const float3 d = cameraRayDir(u, float2{px.x + 0.5f, px.y + 0.5f});
+        const float mu = std::fabs(d.z); // the wall's normal is the z axis
+        const float rough = 0.7f;
+        const BSDF b = makeBSDF(tables.dfg.data(), tables.dfgAvg.data(), kAlbedo, 0.0f, rough, mu);
+        const float2 t = dfgLookup(tables.dfg.data(), mu, rough);
+        const float3 diffuse = b.diffuse * PI;
+        const float3 specular = clamp((b.F0 * t.x + splat3(t.y)) * b.msScale, 0.0f, 1.0f);
+        const float n = float(samples);
+        auto near3 = [](float3 got, float3 want) {
+            return std::fabs(got.x - want.x) <= 1e-5f * std::fabs(want.x) + 1e-7f &&
+                   std::fabs(got.y - want.y) <= 1e-5f * std::fabs(want.y) + 1e-7f &&
+                   std::fabs(got.z - want.z) <= 1e-5f * std::fabs(want.z) + 1e-7f;
+        };
+        EXPECT_TRUE(near3(xyz(gx[0]) / n, diffuse)) << "diffuse albedo at pixel " << px.x << ", " << px.y;
+        EXPECT_NEAR(gx[0].w / n, rough, 1e-6f);
+        EXPECT_TRUE(near3(xyz(gx[1]) / n, specular)) << "specular albedo at pixel " << px.x << ", " << px.y;
+        EXPECT_EQ(gx[1].w, 0.0f);
+        // The emission seen before the first scattering vertex: the wall's
+        // front face, none from its back, none in albedo mode.
+        const bool seen = c.fromFront && !c.albedoMode;
+        EXPECT_EQ(xyz(gx[2]), seen ? sumOf(kLe, samples) : float3{});
+        EXPECT_EQ(gx[2].w, seen ? n : 0.0f);
+        if (seen) {
+            EXPECT_GT(luminance(xyz(accum[p])), luminance(xyz(gx[2]))) << "the bounce light adds to the sample";
+        }
+        EXPECT_EQ(accum[p].w, n);
+    }
+    EXPECT_EQ(stats[STAT_NONFINITE_SAMPLE], 0u);
+    EXPECT_EQ(stats[STAT_DROPPED_SAMPLE], 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Views, TemporalGuides,
+                         ::testing::Values(TemporalGuideCase{"FrontOfEmitter", true, false},
+                                           TemporalGuideCase{"BackOfEmitter", false, false},
+                                           TemporalGuideCase{"AlbedoMode", true, true}),
+                         [](const ::testing::TestParamInfo<TemporalGuideCase>& i) { return i.param.name; });
 
 // ---- Non-finite samples, through the kernel on a scene of sky only -------------
 
