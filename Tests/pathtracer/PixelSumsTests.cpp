@@ -176,6 +176,50 @@ TEST(AlbedoMode, AccumHoldsTheAlbedoGuideTimesTheWhiteLuminance) {
     }
 }
 
+// ---- Guides behind a clear pane ---------------------------------------------------
+
+// A clear pane halfway between the camera and the wall reflects a few per
+// cent of the camera rays (Fresnel). Those samples still take their guides
+// from the wall behind the pane, so every sample's albedo, normal and
+// distance are the wall's, as if the pane were not there.
+TEST(GuidesBehindGlass, ReflectedSamplesTakeTheGuidesOfWhatLiesBehindThePane) {
+    SceneMaker sm = wall(false);
+    uint32_t glass = sm.material({1, 1, 1}, 0.0f);
+    sm.model.materials[glass].transmission = 1;
+    const float paneZ = kWallZ + 0.5f * kWallDistance;
+    sm.quad({-3, -2, paneZ}, {3, -2, paneZ}, {3, 4, paneZ}, {-3, 4, paneZ}, glass);
+    sm.finish();
+    RenderSettings s = smallSettings(kW, kH, 0);
+    s.emissiveNits = 1;
+    s.seed = 2;
+    const int n = 32;
+    Render rd = render(sm, s, blackSky(), wallCamera(true), n);
+    const Renderer& r = *rd.r;
+    ASSERT_EQ(r.geometry()->glassTriangles, 2u);
+
+    // With maxDepth 0 a transmitted sample is exactly Le (the pane is white)
+    // and a reflected one is black: the count of reflections per pixel.
+    double reflected = 0, expected = 0;
+    const GPUUniforms u = r.updateUniforms();
+    for (int py = 0; py < kH; ++py)
+        for (int px = 0; px < kW; ++px) {
+            const size_t p = size_t(py * kW + px);
+            const float4 a = r.accum()[p], ga = r.guideA()[p], gb = r.guideB()[p];
+            reflected += n - std::round(a.y / kLe.y);
+            const float3 d = cameraRayDir(u, float2{px + 0.5f, py + 0.5f});
+            expected += n * fresnelDielectric(std::fabs(d.z), 1.5f);
+            EXPECT_EQ(xyz(ga), sumOf(kAlbedo, n)) << "albedo of pixel " << px << ", " << py;
+            EXPECT_NEAR(gb.z / n, 1.0f, 1e-6f) << "normal of pixel " << px << ", " << py;
+            const DistanceRange d2 = pixelDistances(px, py);
+            EXPECT_GE(ga.w / n, d2.lo * (1 - 1e-5)) << "distance of pixel " << px << ", " << py;
+            EXPECT_LE(ga.w / n, d2.hi * (1 + 1e-5)) << "distance of pixel " << px << ", " << py;
+        }
+    // The reflections are a binomial count with mean sum F (about 4% at
+    // normal incidence); F barely changes within a pixel's footprint.
+    EXPECT_NEAR(reflected, expected, 4.5 * std::sqrt(expected)) << "reflections against the Fresnel expectation";
+    EXPECT_GT(reflected, 0.0) << "no sample was reflected: the test did not exercise the pane";
+}
+
 // ---- Temporal-denoiser guides, through the guides variant of the kernel ----------
 
 struct TemporalGuideCase {
