@@ -1,5 +1,6 @@
 // The shared kernel helpers: random stream, basis, ray offset, MIS weight,
 // accumulation guard and the CDF search.
+#include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/Random.h"
 #include "shaders/Records.h"
@@ -15,6 +16,26 @@
 
 namespace qv {
 namespace {
+
+TEST(SinCosTurns, MatchesTheLibraryOnEveryQuadrantAndSign) {
+    // Sweeps whole turns either side of zero, with the quarter-turn seams
+    // (where the reduction switches quadrant) hit exactly.
+    double worst = 0;
+    for (int i = -40000; i <= 40000; ++i) {
+        const float t = float(i) / 16384.0f;
+        const SinCos r = sinCosTurns(t);
+        const double a = 2.0 * 3.14159265358979323846 * double(t);
+        worst = std::max({worst, std::fabs(r.s - std::sin(a)), std::fabs(r.c - std::cos(a))});
+        ASSERT_NEAR(double(r.s) * r.s + double(r.c) * r.c, 1.0, 1e-6) << t;
+    }
+    EXPECT_LT(worst, 2e-7);
+    EXPECT_EQ(sinCosTurns(0.0f).s, 0.0f);
+    EXPECT_EQ(sinCosTurns(0.0f).c, 1.0f);
+    EXPECT_NEAR(sinCosTurns(0.25f).s, 1.0f, 1e-7f);
+    EXPECT_NEAR(sinCosTurns(0.5f).c, -1.0f, 1e-7f);
+    EXPECT_NEAR(sinCosTurns(0.75f).s, -1.0f, 1e-7f);
+    EXPECT_NEAR(sinCosTurns(0.99999994f).s, 0.0f, 1e-6f);
+}
 
 TEST(RandomStream, UniformInTheHalfOpenUnitInterval) {
     // The largest value is (2^24 - 1) 2^-24, never 1.

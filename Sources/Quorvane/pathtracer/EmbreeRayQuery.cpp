@@ -193,18 +193,36 @@ bool RayQuery::occluded(const Ray& r) const {
 }
 
 void RayQuery::occluded(std::span<const Ray> rays, std::span<uint8_t> blocked) const {
-    constexpr size_t kChunk = 64;
-    RTCRay chunk[kChunk];
+    // Packets of 16 in Embree's own layout: a bundle of rays that start close
+    // together and head the same way shares most of its traversal steps.
+    constexpr size_t kPacket = 16;
     RTCIntersectContext context;
     rtcInitIntersectContext(&context);
     context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
     const size_t n = std::min(rays.size(), blocked.size());
-    for (size_t first = 0; first < n; first += kChunk) {
-        const size_t m = std::min(kChunk, n - first);
-        for (size_t i = 0; i < m; ++i) chunk[i] = makeRay(rays[first + i]);
-        rtcOccluded1M(impl_->scene, &context, chunk, static_cast<unsigned>(m), sizeof(RTCRay));
+    for (size_t first = 0; first < n; first += kPacket) {
+        const size_t m = std::min(kPacket, n - first);
+        alignas(64) RTCRay16 packet;
+        alignas(64) int valid[kPacket];
+        for (size_t i = 0; i < kPacket; ++i) {
+            const Ray& r = rays[first + (i < m ? i : 0)];
+            valid[i] = i < m ? -1 : 0;
+            packet.org_x[i] = r.origin.x;
+            packet.org_y[i] = r.origin.y;
+            packet.org_z[i] = r.origin.z;
+            packet.tnear[i] = r.tMin > 0 ? r.tMin : 0.0f;
+            packet.dir_x[i] = r.direction.x;
+            packet.dir_y[i] = r.direction.y;
+            packet.dir_z[i] = r.direction.z;
+            packet.time[i] = 0;
+            packet.tfar[i] = r.tMax;
+            packet.mask[i] = r.mask;
+            packet.id[i] = 0;
+            packet.flags[i] = 0;
+        }
+        rtcOccluded16(valid, impl_->scene, &context, &packet);
         for (size_t i = 0; i < m; ++i)
-            blocked[first + i] = chunk[i].tfar < 0 && std::isinf(chunk[i].tfar) ? 1 : 0;
+            blocked[first + i] = packet.tfar[i] < 0 && std::isinf(packet.tfar[i]) ? 1 : 0;
     }
 }
 

@@ -51,7 +51,8 @@ public:
     }
 
 private:
-    static constexpr uint32_t kLightBakeBatch = 256;
+    // A packet's worth: converting more rays at a time buys nothing.
+    static constexpr uint32_t kLightBakeBatch = 16;
 
     static KernelHit query(const RayQuery* as, float3 o, float3 d, float tmin, float tmax, uint32_t mask) {
         KernelHit h;

@@ -13,6 +13,7 @@
 // albedo), and the diffuse lobe is weighted by (1 - Es(mu_o)) (1 - Es(mu_i)) /
 // (1 - Es_avg), which makes a white dielectric's total albedo 1 at every angle.
 // Both rest on the GGX energy tables (T1, T2) with E(F0) = F0 T1 + T2.
+#include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
 #include "shaders/Records.h"
@@ -178,9 +179,9 @@ QV_KERNEL float3 sampleVNDF(float3 v, float alpha, float2 u) {
     float3 T1 = len2 > 0.0f ? float3{-Vh.y, Vh.x, 0.0f} / std::sqrt(len2) : float3{1.0f, 0.0f, 0.0f};
     float3 T2 = cross(Vh, T1);
     float r = std::sqrt(u.x);
-    float phi = TWO_PI * u.y;
-    float t1 = r * std::cos(phi);
-    float t2 = r * std::sin(phi);
+    SinCos phi = sinCosTurns(u.y);
+    float t1 = r * phi.c;
+    float t2 = r * phi.s;
     float s = 0.5f * (1.0f + Vh.z);
     t2 = (1.0f - s) * std::sqrt(std::fmax(0.0f, 1.0f - t1 * t1)) + s * t2;
     float3 Nh = T1 * t1 + T2 * t2 + Vh * std::sqrt(std::fmax(0.0f, 1.0f - t1 * t1 - t2 * t2));
@@ -198,8 +199,8 @@ QV_KERNEL BSDFSample bsdfSample(const BSDF& b, float3 v, float3 u) {
         s.lobe = LOBE_SPECULAR;
     } else {
         float r = std::sqrt(u.y);
-        float phi = TWO_PI * u.z;
-        l = float3{r * std::cos(phi), r * std::sin(phi), std::sqrt(std::fmax(0.0f, 1.0f - u.y))};
+        SinCos phi = sinCosTurns(u.z);
+        l = float3{r * phi.c, r * phi.s, std::sqrt(std::fmax(0.0f, 1.0f - u.y))};
         s.lobe = LOBE_DIFFUSE;
     }
     if (!(l.z > 0.0f)) return BSDFSample{};

@@ -8,6 +8,7 @@
 // One invocation per (sample point k, cell of the slice). The counters of a
 // slice are shared by the invocations of a cell and incremented atomically
 // (relaxed), so the sums do not depend on the order of the invocations.
+#include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
 #include "shaders/LightSampling.h"
@@ -59,9 +60,9 @@ QV_KERNEL float3 lightBakePoint(const GPULightGridParams& g, uint32_t ci, uint32
 template <class Tracer>
 QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3 p, uint32_t& seed) {
     float z = 1.0f - 2.0f * rnd(seed);
-    float phi = TWO_PI * rnd(seed);
+    SinCos phi = sinCosTurns(rnd(seed));
     float r = std::sqrt(std::fmax(0.0f, 1.0f - z * z));
-    float3 d{r * std::cos(phi), r * std::sin(phi), z};
+    float3 d{r * phi.c, r * phi.s, z};
     KernelHit h = tr.opaque(p, d, LIGHT_BAKE_SOLID_RAY);
     if (!isHit(h)) return false;
     const uint32_t* idx = s.opIdx + size_t(h.prim) * 3u;
@@ -105,7 +106,7 @@ QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULigh
     const uint32_t lightCount = bp.info.x;
     for (uint32_t li = 0; li < lightCount; ++li) {
         float2 u{rnd(seed), rnd(seed)};
-        LightSample ls = sampleLight(s.lights[li], p, u);
+        LightSample ls = sampleLight<false>(s.lights[li], p, u);
         if (!isValid(ls)) continue;
         float tmax = std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f);
         if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, tmax))) atomicAddCounter(&row[li], 1u);
@@ -161,7 +162,7 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
         for (uint32_t i = 0; i < live; ++i) {
             float2 u{rnd(seeds[i]), rnd(seeds[i])};
             if (lightBakeBehind(s.lights[li], points[i])) continue;
-            LightSample ls = sampleLight(s.lights[li], points[i], u);
+            LightSample ls = sampleLight<false>(s.lights[li], points[i], u);
             if (!isValid(ls)) continue;
             rays[n++] = KernelRay{points[i], ls.dir, std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f)};
         }

@@ -17,6 +17,7 @@
 // and, for the light grid's bake (shaders/LightGrid.h),
 //   void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const;
 //                                                                  opaqueOccluded of n rays at once
+#include "shaders/FastTrig.h"
 #include "shaders/BSDF.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
@@ -290,9 +291,9 @@ QV_KERNEL float lightChoicePmf(const SceneData& s, uint32_t li, float3 x, float3
 QV_KERNEL float3 sampleConeDir(float3 axis, float oneMinusCosMax, float2 u) {
     float cosT = 1.0f - u.x * oneMinusCosMax;
     float sinT = std::sqrt(std::fmax(0.0f, 1.0f - cosT * cosT));
-    float phi = TWO_PI * u.y;
+    SinCos phi = sinCosTurns(u.y);
     Basis b = makeBasis(axis);
-    return normalize(toWorld(b, float3{sinT * std::cos(phi), sinT * std::sin(phi), cosT}));
+    return normalize(toWorld(b, float3{sinT * phi.c, sinT * phi.s, cosT}));
 }
 
 // 1 - cos of the cone a sphere subtends from x, computed without cancellation;
@@ -326,7 +327,9 @@ QV_KERNEL float stripAreaPdf(const GPULight& L, float3 x, float3 y) {
 }
 
 // The common tail of area lights: direction, distance and solid-angle density
-// from an area density at point y.
+// from an area density at point y. Without kRadiance the radiance is left 0
+// (the light grid's bake needs only where the sample lies).
+template <bool kRadiance = true>
 QV_KERNEL LightSample areaLightTail(const GPULight& L, float3 x, float3 y, float areaPdf) {
     LightSample ls;
     float3 d = y - x;
@@ -338,12 +341,15 @@ QV_KERNEL LightSample areaLightTail(const GPULight& L, float3 x, float3 y, float
     if (cosL <= 1e-6f) return ls;
     ls.dir = dir;
     ls.dist = dist;
-    float p = L.vExp.w;
-    ls.Le = xyz(L.radiance) * (p == 1.0f ? 1.0f : std::pow(cosL, p - 1.0f));
+    if constexpr (kRadiance) {
+        float p = L.vExp.w;
+        ls.Le = xyz(L.radiance) * (p == 1.0f ? 1.0f : std::pow(cosL, p - 1.0f));
+    }
     ls.pdf = areaPdf * d2 / cosL;
     return ls;
 }
 
+template <bool kRadiance = true>
 QV_KERNEL LightSample sampleLight(const GPULight& L, float3 x, float2 u) {
     LightSample ls;
     float3 c = lightCentre(L);
@@ -370,14 +376,14 @@ QV_KERNEL LightSample sampleLight(const GPULight& L, float3 x, float2 u) {
         float k = std::fmin(std::floor(u.x * N), N - 1.0f);
         float uu = clampf(u.x * N - k, 0.0f, 1.0f);
         float r = L.normalRadius.w;
-        float a1 = TWO_PI * k / N, a2 = TWO_PI * (k + 1.0f) / N;
+        SinCos a1 = sinCosTurns(k / N), a2 = sinCosTurns((k + 1.0f) / N);
         float3 tu = xyz(L.uArea), tv = xyz(L.vExp);
-        float3 p1 = c + (tu * std::cos(a1) + tv * std::sin(a1)) * r;
-        float3 p2 = c + (tu * std::cos(a2) + tv * std::sin(a2)) * r;
+        float3 p1 = c + (tu * a1.c + tv * a1.s) * r;
+        float3 p2 = c + (tu * a2.c + tv * a2.s) * r;
         float su = std::sqrt(uu);
         float b0 = 1.0f - su, b1 = u.y * su;
         float3 y = c * b0 + p1 * b1 + p2 * (1.0f - b0 - b1);
-        return areaLightTail(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
+        return areaLightTail<kRadiance>(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
     }
     // Strip: equi-angular along the length so the part facing a nearby
     // surface gets the samples, uniform across the width.
@@ -390,12 +396,12 @@ QV_KERNEL LightSample sampleLight(const GPULight& L, float3 x, float2 u) {
     float th0 = std::atan((-Lh - s0) / h), th1 = std::atan((Lh - s0) / h);
     if (!(th1 - th0 > 1e-7f) || !(Wh > 0.0f)) {
         float3 y = c + hu * (2.0f * u.x - 1.0f) + hv * (2.0f * u.y - 1.0f);
-        return areaLightTail(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
+        return areaLightTail<kRadiance>(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
     }
     float t = clampf(s0 + h * std::tan(th0 + u.x * (th1 - th0)), -Lh, Lh);
     float3 y = c + a * t + hv * (2.0f * u.y - 1.0f);
     float areaPdf = (h / ((t - s0) * (t - s0) + h * h)) / (th1 - th0) / (2.0f * Wh);
-    return areaLightTail(L, x, y, areaPdf);
+    return areaLightTail<kRadiance>(L, x, y, areaPdf);
 }
 
 // Solid-angle density with which sampleLight produces point y along dir.

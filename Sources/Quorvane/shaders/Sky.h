@@ -19,6 +19,7 @@
 // and sun cosine, comes from a table (SKY_TLUT_MU x SKY_TLUT_H) whose nodes are
 // those same 16-step integrals, in Bruneton's (2017) parameterisation. The
 // planet's shadow is decided exactly, not from the table.
+#include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
 #include "shaders/Records.h"
@@ -421,10 +422,9 @@ struct SkyTexelSample {
 };
 
 QV_KERNEL SkyTexelSample skyTexelDirection(uint32_t W, uint32_t H, uint32_t row, uint32_t col, float4 u) {
-    float phi = (float(col) + u.z) * TWO_PI / float(W);
-    float theta = (float(row) + u.w) * PI / float(H);
-    float st = std::sin(theta);
-    return SkyTexelSample{float3{st * std::cos(phi), std::cos(theta), st * std::sin(phi)}, row, col, st};
+    SinCos phi = sinCosTurns((float(col) + u.z) / float(W));
+    SinCos theta = sinCosTurns((float(row) + u.w) / float(2 * H));
+    return SkyTexelSample{float3{theta.s * phi.c, theta.c, theta.s * phi.s}, row, col, theta.s};
 }
 
 // Solid-angle density of a texel sample; 0 at the poles.
