@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <string>
 
+#include <sys/resource.h>
+
 using namespace qv;
 
 int main(int argc, char** argv) {
@@ -42,7 +44,6 @@ int main(int argc, char** argv) {
     RenderSettings settings;
     settings.width = width;
     settings.height = height;
-    settings.neeMode = NEEMode::tree;
 
     auto t1 = std::chrono::steady_clock::now();
     Renderer renderer(settings, log);
@@ -58,12 +59,21 @@ int main(int argc, char** argv) {
     renderer.setCamera(*camera);
     renderer.resize(width, height);
 
+    auto cpuSeconds = [] {
+        rusage r{};
+        getrusage(RUSAGE_SELF, &r);
+        return double(r.ru_utime.tv_sec) + 1e-6 * double(r.ru_utime.tv_usec);
+    };
+    double cpu0 = cpuSeconds();
     auto t4 = std::chrono::steady_clock::now();
     renderer.encodeSamples(spp);
     double s = seconds(t4);
+    double cpu = cpuSeconds() - cpu0;
     double mpaths = double(spp) * double(width) * double(height) / s / 1e6;
     std::printf("rendered %d spp at %dx%d in %.2fs  ->  %.1f spp/s  (%.3f Mpaths/s)\n", spp, width, height, s,
                 double(spp) / s, mpaths);
+    std::printf("processor time: %.2f s (%.3f Mpaths per processor-second)\n", cpu,
+                double(spp) * double(width) * double(height) / cpu / 1e6);
     RadianceStats st = renderer.radianceStats();
     std::printf("stats: NaN/Inf samples %u, dropped %u, mean %.2f / median %.2f / max %.0f cd/m2, black %.3f%%\n",
                 renderer.statCounter(0), renderer.statCounter(1), st.mean, st.median, st.max,
@@ -77,5 +87,8 @@ int main(int argc, char** argv) {
         PNGWriter::write(toneMapToRGBA(renderer.accum().data(), tp), width, height, out);
         std::printf("wrote %s\n", out.c_str());
     }
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf("peak resident memory: %.1f MB\n", double(usage.ru_maxrss) / 1024.0);
     return 0;
 }

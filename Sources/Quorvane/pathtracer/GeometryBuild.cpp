@@ -362,7 +362,12 @@ GeometryBuild buildGeometry(const LoadedModel& model, const SceneDescription& sc
                              TriangleSet{auxPos, auxIdx.subspan(glassIdx + proxyIdx), kMaskPlaceholder}};
         g.opAS = std::make_shared<const RayQuery>(RayQuery::build(opaque, quality));
         g.auxAS = std::make_shared<const RayQuery>(RayQuery::build(aux, quality));
-        g.accelSeconds = g.opAS->buildSeconds() + g.auxAS->buildSeconds();
+        // Everything a path segment can hit, in one structure: one traversal
+        // finds the nearest opaque or auxiliary hit (placeholder included,
+        // for numbering only; rays never select it).
+        TriangleSet all[] = {opaque[0], aux[0], aux[1], aux[2]};
+        g.nearestAS = std::make_shared<const RayQuery>(RayQuery::build(all, quality));
+        g.accelSeconds = g.opAS->buildSeconds() + g.auxAS->buildSeconds() + g.nearestAS->buildSeconds();
         if (g.glassTriangles > 0) {
             TriangleSet glassOnly[] = {TriangleSet{auxPos, auxIdx.subspan(0, glassIdx), kMaskGlass}};
             g.glassAS = std::make_shared<const RayQuery>(RayQuery::build(glassOnly, quality));

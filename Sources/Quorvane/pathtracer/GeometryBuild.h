@@ -52,6 +52,7 @@ struct GeometryBuild {
     std::shared_ptr<const RayQuery> opAS;
     std::shared_ptr<const RayQuery> auxAS;
     std::shared_ptr<const RayQuery> glassAS; // the same object as auxAS when there is no glass
+    std::shared_ptr<const RayQuery> nearestAS; // opaque, then the auxiliary sets: one query per path segment
 
     uint32_t glassTriangles = 0;
     uint32_t lightCount = 0;

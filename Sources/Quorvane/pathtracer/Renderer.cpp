@@ -312,7 +312,7 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     tex.layers = arr.layers;
     tex.levels = arr.levels;
 
-    SceneTracer tracer(g.opAS.get(), g.auxAS.get(), g.glassAS.get());
+    SceneTracer tracer(g.opAS.get(), g.auxAS.get(), g.glassAS.get(), g.nearestAS.get());
     GPUUniforms u = updateUniforms();
     u.params1.z = float(firstRow);
     FrameSums sums{accum_.data(), guideA_.data(), guideB_.data(), nullptr, stats_.data()};

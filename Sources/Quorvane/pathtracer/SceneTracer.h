@@ -14,8 +14,30 @@ namespace qv {
 
 class SceneTracer {
 public:
-    SceneTracer(const RayQuery* opaqueAS, const RayQuery* auxAS, const RayQuery* glassAS)
-        : op_(opaqueAS), aux_(auxAS), glass_(glassAS) {}
+    // nearestAS, when given, holds the opaque triangles (set 0) followed by
+    // the auxiliary sets in their own order, so that one traversal answers
+    // both nearest-hit queries of a path segment.
+    SceneTracer(const RayQuery* opaqueAS, const RayQuery* auxAS, const RayQuery* glassAS,
+                const RayQuery* nearestAS = nullptr)
+        : op_(opaqueAS), aux_(auxAS), glass_(glassAS), nearest_(nearestAS) {}
+
+    NearestHit nearest(float3 o, float3 d) const {
+        NearestHit n;
+        if (!nearest_) {
+            n.hit = opaque(o, d, BIG);
+            KernelHit a = aux(o, d, n.hit.t);
+            if (isHit(a) && a.t < n.hit.t) n = NearestHit{a, true};
+            return n;
+        }
+        RayHit r = nearest_->intersect(Ray{o, d, 0.0f, BIG, kRayMaskAll & ~kMaskPlaceholder});
+        if (!r.hit()) return n;
+        n.aux = r.set != 0;
+        n.hit.t = r.t;
+        n.hit.prim = n.aux ? r.prim - nearest_->firstTriangleOfSet(1) : r.prim;
+        n.hit.u = r.u;
+        n.hit.v = r.v;
+        return n;
+    }
 
     KernelHit opaque(float3 o, float3 d, float tmax) const { return query(op_, o, d, 0.0f, tmax, kRayMaskAll); }
     KernelHit aux(float3 o, float3 d, float tmax) const {
@@ -69,6 +91,7 @@ private:
     const RayQuery* op_;
     const RayQuery* aux_;
     const RayQuery* glass_;
+    const RayQuery* nearest_;
 };
 
 } // namespace qv

@@ -14,6 +14,9 @@
 //   KernelHit aux(float3 o, float3 d, float tmax) const;           nearest glass or fitting hit in (0, tmax)
 //   KernelHit glass(float3 o, float3 d, float tmin, float tmax) const; nearest glass hit in (tmin, tmax)
 //   bool opaqueOccluded(float3 o, float3 d, float tmax) const;     any opaque hit in (0, tmax)
+// and, optionally, both nearest-hit queries of a path segment in one
+//   NearestHit nearest(float3 o, float3 d) const;                   nearest opaque, glass or fitting hit
+// (a tracer that has it saves the second traversal of every segment);
 // and, for the light grid's bake (shaders/LightGrid.h),
 //   void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const;
 //                                                                  opaqueOccluded of n rays at once
@@ -40,6 +43,31 @@ struct KernelHit {
     float u = 0, v = 0;
 };
 QV_KERNEL bool isHit(const KernelHit& h) { return h.prim != KERNEL_NO_HIT; }
+
+// The nearest hit of a segment over the opaque and the auxiliary triangles;
+// aux tells which numbering prim is in.
+struct NearestHit {
+    KernelHit hit;
+    bool aux = false;
+};
+
+// The two nearest-hit queries of a path segment: hOp, the nearest opaque hit,
+// then hAux, the nearest auxiliary hit in front of it. Returns false when
+// hOp was not looked for because an auxiliary hit came first (the caller asks
+// for the opaque distance only if it needs it).
+template <class Tracer>
+QV_KERNEL bool traceSegment(const Tracer& tr, float3 o, float3 d, KernelHit& hOp, KernelHit& hAux) {
+    if constexpr (requires { tr.nearest(o, d); }) {
+        NearestHit n = tr.nearest(o, d);
+        hOp = n.aux ? KernelHit{} : n.hit;
+        hAux = n.aux ? n.hit : KernelHit{};
+        return !n.aux;
+    } else {
+        hOp = tr.opaque(o, d, BIG);
+        hAux = tr.aux(o, d, hOp.t);
+        return true;
+    }
+}
 
 // A shadow-ray segment from o along unit d up to tmax (m).
 struct KernelRay {

@@ -152,8 +152,8 @@ QV_KERNEL GuideHit guideBehindGlass(const KernelContext<Tracer>& k, float3 o, fl
     GuideHit g;
     g.nrm = -d;
     for (int step = 0; step < 8; ++step) {
-        KernelHit hOp = k.tr.opaque(o, d, BIG);
-        KernelHit hAux = k.tr.aux(o, d, hOp.t);
+        KernelHit hOp, hAux;
+        traceSegment(k.tr, o, d, hOp, hAux);
         if (isHit(hAux) && hAux.t < hOp.t) {
             SurfaceHit sh = triangleHit(k.s.auxPos, k.s.auxIdx, hAux, o, d);
             travelled += hAux.t;
@@ -344,9 +344,21 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
     bool bad = false;
 
     for (int iter = 0; iter < PATH_MAX_ITERATIONS; ++iter) {
-        KernelHit hOp = k.tr.opaque(o, d, BIG);
+        if (sw.skyNee && s.skyColGuide) {
+            // Should this segment end on a surface, its sky sample will use
+            // the numbers after the sun's two: start loading its column
+            // table entries now, while the ray is traced.
+            uint32_t ahead = seed;
+            if (sw.sunNee) {
+                rnd(ahead);
+                rnd(ahead);
+            }
+            float u0 = rnd(ahead), u1 = rnd(ahead);
+            prefetchSkyTexel(s.skyRowCdf, s.skyColCdf, s.skyRowGuide, s.skyColGuide, u.counts.z, u.counts.w, u0, u1);
+        }
+        KernelHit hOp, hAux;
+        const bool opKnown = traceSegment(k.tr, o, d, hOp, hAux);
         float tOp = isHit(hOp) ? hOp.t : BIG;
-        KernelHit hAux = k.tr.aux(o, d, tOp);
         bool auxFirst = isHit(hAux) && hAux.t < tOp;
         bool direct0 = start.skipDirect && depth == 0u;
         bool clampHere = depth >= start.clampFrom;
@@ -484,6 +496,9 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 float bq = dot(oc, d), cq = dot(oc, oc) - r * r;
                 float disc = bq * bq - cq;
                 float tS = disc >= 0.0f ? -bq - std::sqrt(disc) : -1.0f;
+                // The sphere lies inside its proxy, so an opaque surface may
+                // still come between the proxy and the sphere.
+                if (!opKnown && tS > 0.0f) tOp = k.tr.opaque(o, d, BIG).t;
                 if (cq <= 0.0f || disc < 0.0f || !(tS > 0.0f) || !(tS < tOp)) {
                     travelled += hAux.t;
                     coneW += coneSpread * hAux.t;

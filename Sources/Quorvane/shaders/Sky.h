@@ -463,6 +463,16 @@ QV_KERNEL SkyTexelSample sampleSkyTexelGuided(const float* rowCdf, const float* 
     return skyTexelDirection(W, H, row, col, u);
 }
 
+// Starts loading the column table entries that sampleSkyTexelGuided will
+// search for the same u.x and u.y: a caller that knows its next sky sample's
+// random numbers early can hide that search's cache miss behind other work.
+QV_KERNEL void prefetchSkyTexel(const float* rowCdf, const float* colCdf, const uint32_t* rowGuide,
+                                const uint32_t* colGuide, uint32_t W, uint32_t H, float u0, float u1) {
+    uint32_t row = searchCdfGuided(rowCdf, H, u0, rowGuide);
+    CdfRange range = cdfGuideRange(W, u1, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
+    QV_PREFETCH(colCdf + size_t(row) * W + range.lo);
+}
+
 QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
                                     const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
                                     float4 u) {
