@@ -16,7 +16,8 @@ std::string lampFunnel(const std::array<uint64_t, STAT_COUNT>& c, uint32_t offse
     uint64_t lit = c[STAT_LAMP_BSDF_NONZERO + offset], open = c[STAT_LAMP_UNOCCLUDED + offset];
     return strprintf("lamp chosen %llu (%.1f%% of attempts), BSDF non-zero %llu (%.1f%% of chosen), unoccluded %llu "
                      "(%.1f%% of shadow rays)",
-                     ull(chosen), percent(chosen, tried), ull(lit), percent(lit, chosen), ull(open), percent(open, lit));
+                     ull(chosen), percent(chosen, tried), ull(lit), percent(lit, chosen), ull(open),
+                     percent(open, lit));
 }
 
 std::string rays(const char* what, uint64_t traced, uint64_t open) {

@@ -103,7 +103,8 @@ QV_KERNEL LampPick risPickLamp(const SceneData& s, const Scatter& sc, const Basi
         // wSum times M makes the division by M below give its own weight.
         branchP = s.grid.params.x;
         LightChoice c = selectLight(s, sc.x, n, seed);
-        if (c.index >= 0 && !cellLists(s, cell, uint32_t(c.index))) risCandidate(s, sc, frame, c.index, c.pmf, res, seed);
+        bool unlisted = c.index >= 0 && !cellLists(s, cell, uint32_t(c.index));
+        if (unlisted) risCandidate(s, sc, frame, c.index, c.pmf, res, seed);
         res.wSum *= float(M);
     } else {
         // List branch: Mc independent draws from the list's distribution in
