@@ -29,7 +29,8 @@ struct SceneMaker {
 
     uint32_t material(float3 base, float roughness, float3 emissive = {}, bool doubleSided = false) {
         ModelMaterial m;
-        m.name = "m" + std::to_string(model.materials.size());
+        m.name = "m";
+        m.name += std::to_string(model.materials.size());
         m.baseColor[0] = base.x;
         m.baseColor[1] = base.y;
         m.baseColor[2] = base.z;
