@@ -2,25 +2,48 @@
 // two-room interior with several lamps the RIS modes render the same image
 // mean as the plain tree and cell choices within noise, and the counters add
 // up on scenes whose path shapes are known.
+#include "RenderTestScenes.h"
 #include "pathtracer/Renderer.h"
 #include "shaders/Records.h"
-#include "support/RenderTestScenes.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
 namespace qv {
 namespace {
 
-using namespace qv::test;
+using namespace testscenes;
+
+constexpr double kZ = 4.0; // standard errors allowed between two estimates
+
+void expectSameMean(const ImageMean& a, const ImageMean& b, const char* what) {
+    double tol = kZ * std::hypot(a.se, b.se);
+    EXPECT_NEAR(a.mean, b.mean, tol) << what << ": " << a.mean << " +- " << a.se << " against " << b.mean << " +- "
+                                     << b.se;
+}
+
+LightDef lampDef(const char* kind, std::vector<float> position, float lumens) {
+    LightDef d;
+    d.kind = kind;
+    d.position = std::move(position);
+    d.lumens = lumens;
+    d.kelvin = 4000;
+    return d;
+}
 
 // A vertical wall from (x0, z0) to (x1, z1), floor to height h.
 void wall(SceneMaker& sm, float x0, float z0, float x1, float z1, float h, uint32_t mat) {
-    float3 a{x0, 0, z0}, b{x1, 0, z1}, c{x1, h, z1}, d{x0, h, z0};
-    sm.triangle(a, b, c, mat);
-    sm.triangle(a, c, d, mat);
+    sm.quad({x0, 0, z0}, {x1, 0, z1}, {x1, h, z1}, {x0, h, z0}, mat);
+}
+
+// A horizontal rectangle at height y, facing up (or down).
+void rectangle(SceneMaker& sm, float y, float x0, float x1, float z0, float z1, uint32_t mat, bool down = false) {
+    float3 a{x0, y, z0}, b{x1, y, z0}, c{x1, y, z1}, d{x0, y, z1};
+    if (down) sm.quad(a, b, c, d, mat);
+    else sm.quad(a, d, c, b, mat);
 }
 
 // Two rooms of 2 x 3 m under one ceiling, joined by a doorway in the
@@ -31,8 +54,8 @@ SceneMaker twoRooms() {
     uint32_t floor = sm.material({0.6f, 0.55f, 0.5f}, 0.7f);
     uint32_t walls = sm.material({0.8f, 0.8f, 0.75f}, 0.9f);
     uint32_t glossy = sm.material({0.5f, 0.5f, 0.55f}, 0.3f);
-    sm.rectangle(0, -2, 2, -1.5f, 1.5f, floor);
-    sm.rectangle(2.5f, -2, 2, -1.5f, 1.5f, walls, true);
+    rectangle(sm, 0, -2, 2, -1.5f, 1.5f, floor);
+    rectangle(sm, 2.5f, -2, 2, -1.5f, 1.5f, walls, true);
     wall(sm, -2, -1.5f, 2, -1.5f, 2.5f, walls);
     wall(sm, -2, 1.5f, 2, 1.5f, 2.5f, walls);
     wall(sm, -2, -1.5f, -2, 1.5f, 2.5f, walls);
@@ -40,19 +63,19 @@ SceneMaker twoRooms() {
     wall(sm, 0, -1.5f, 0, 0.5f, 2.5f, walls); // the partition; the doorway is z in 0.5 .. 1.5
     LightDef pendant = lampDef("pendant", {1.0f, 1.9f, -0.4f}, 900);
     pendant.radius = 0.12f;
-    sm.lamp(pendant);
+    sm.scene.lights.push_back(pendant);
     LightDef down = lampDef("downlight", {1.3f, 2.45f, 0.9f}, 700);
     down.radius = 0.06f;
     down.coneDeg = 90;
-    sm.lamp(down);
+    sm.scene.lights.push_back(down);
     LightDef strip = lampDef("strip", {-0.05f, 1.2f, -1.3f}, 300);
     strip.end = std::vector<float>{-0.05f, 1.2f, 0.3f};
     strip.direction = std::vector<float>{-1, 0, 0};
     strip.width = 0.03f;
-    sm.lamp(strip);
+    sm.scene.lights.push_back(strip);
     LightDef other = lampDef("pendant", {-1.0f, 1.8f, 0.2f}, 1200);
     other.radius = 0.1f;
-    sm.lamp(other);
+    sm.scene.lights.push_back(other);
     sm.finish();
     return sm;
 }
@@ -110,10 +133,10 @@ std::vector<uint64_t> counters(const Renderer& r) {
 // seen from above so that every camera ray meets the floor.
 SceneMaker sunlitFloor() {
     SceneMaker sm;
-    sm.rectangle(0, -2, 2, -2, 2, sm.material({0.7f, 0.7f, 0.7f}, 0.8f));
+    rectangle(sm, 0, -2, 2, -2, 2, sm.material({0.7f, 0.7f, 0.7f}, 0.8f));
     LightDef d = lampDef("pendant", {1.6f, 0.6f, 0.0f}, 1500);
     d.radius = 0.2f;
-    sm.lamp(d);
+    sm.scene.lights.push_back(d);
     return sm;
 }
 
@@ -151,8 +174,8 @@ TEST(NeeCounters, DeeperPathsUnderAShadingSlabStayWithinTheirTotals) {
     SceneMaker sm = sunlitFloor();
     // A slab over half the floor, an emissive panel under it and a low wall
     // that hides the panel from part of the floor.
-    sm.rectangle(1.2f, -2, 0, -2, 2, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
-    sm.rectangle(1.1f, -1.5f, -0.5f, -0.5f, 0.5f, sm.material({0.5f, 0.5f, 0.5f}, 0.6f, {0.4f, 0.35f, 0.3f}), true);
+    rectangle(sm, 1.2f, -2, 0, -2, 2, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
+    rectangle(sm, 1.1f, -1.5f, -0.5f, -0.5f, 0.5f, sm.material({0.5f, 0.5f, 0.5f}, 0.6f, 0, {0.4f, 0.35f, 0.3f}), true);
     wall(sm, -0.2f, -2, -0.2f, 2, 0.6f, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
     sm.finish();
     const CameraDef cam = camera({0.5f, 2.2f, 0.3f}, {0.3f, 0, 0}, 50);
