@@ -75,8 +75,9 @@ int main(int argc, char** argv) {
     std::printf("processor time: %.2f s (%.3f Mpaths per processor-second)\n", cpu,
                 double(spp) * double(width) * double(height) / cpu / 1e6);
     RadianceStats st = renderer.radianceStats();
-    std::printf("stats: NaN/Inf samples %u, dropped %u, mean %.2f / median %.2f / max %.0f cd/m2, black %.3f%%\n",
-                renderer.statCounter(0), renderer.statCounter(1), st.mean, st.median, st.max,
+    std::printf("stats: NaN/Inf samples %llu, dropped %llu, mean %.2f / median %.2f / max %.0f cd/m2, black %.3f%%\n",
+                static_cast<unsigned long long>(renderer.statCounter(STAT_NONFINITE_SAMPLE)),
+                static_cast<unsigned long long>(renderer.statCounter(STAT_DROPPED_SAMPLE)), st.mean, st.median, st.max,
                 100.0 * st.blackFraction);
 
     if (!out.empty()) {

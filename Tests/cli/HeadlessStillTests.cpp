@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -126,6 +127,12 @@ const std::vector<std::pair<std::string, std::string>> kLineFormats = {
     {"rendered ", "rendered %d spp at %dx%d in %.2fs  ->  %.1f spp/s  (%.1f Mpaths/s, longest command buffer %.0f ms)"},
     {"stats: ", "stats: NaN/Inf samples %u, samples with dropped non-finite contributions %u, luminance mean %.2f / "
                 "median %.2f / max %.0f cd/m2, black pixels %.3f%%"},
+    {"nee-stats: vertices ", "nee-stats: vertices %u, lamp NEE at %u; lamp chosen %u (%.1f%% of attempts), BSDF "
+                             "non-zero %u (%.1f%% of chosen), unoccluded %u (%.1f%% of shadow rays)"},
+    {"nee-stats: first vertex lamp NEE ", "nee-stats: first vertex lamp NEE %u; lamp chosen %u (%.1f%% of attempts), "
+                                          "BSDF non-zero %u (%.1f%% of chosen), unoccluded %u (%.1f%% of shadow rays)"},
+    {"nee-stats: emissive ", "nee-stats: emissive shadow rays %u, unoccluded %u (%.1f%%); sun %u, unoccluded %u "
+                             "(%.1f%%); sky %u, unoccluded %u (%.1f%%)"},
     {"white balance: ", "white balance: %@"},
     {"wrote ", "wrote %@  (total %.2fs)"},
 };
@@ -147,6 +154,30 @@ TEST_F(HeadlessStill, EveryReportLineMatchesItsFormatInOrder) {
     EXPECT_THAT(lines, ::testing::Contains("camera: Front  eye [0.0, 1.6, 5.0] target [0.0, 0.5, 0.0]  fov 60.0 v / "
                                            "98.2 h (given 60.0 vertical)"));
     EXPECT_EQ(pngSize(dir / "out.png"), (std::pair<int, int>{24, 12}));
+}
+
+TEST_F(HeadlessStill, NeeStatsLinesFollowTheStatsLineWhenAsked) {
+    CLIOptions o = options(16, 8, 2);
+    o.settings.debugNeeStats = true;
+    std::vector<std::string> lines = run(o);
+    std::vector<std::string> order;
+    for (const std::string& line : lines) {
+        for (const auto& [prefix, format] : kLineFormats) {
+            if (line.rfind(prefix, 0) != 0) continue;
+            EXPECT_TRUE(std::regex_match(line, formatRegex(format))) << line;
+            order.push_back(prefix);
+        }
+    }
+    const std::vector<std::string> expected = {
+        "model: ",   "device: ", "environment: ",        "camera: ",
+        "rendered ", "stats: ",  "nee-stats: vertices ", "nee-stats: first vertex lamp NEE ",
+        "nee-stats: emissive ",  "white balance: ",      "wrote "};
+    EXPECT_EQ(order, expected);
+    // The floor and the box fill the lower part of the view.
+    const auto vertices = std::find_if(lines.begin(), lines.end(),
+                                       [](const std::string& l) { return l.rfind("nee-stats: vertices ", 0) == 0; });
+    ASSERT_NE(vertices, lines.end());
+    EXPECT_GT(std::stoull(vertices->substr(std::string("nee-stats: vertices ").size())), 0u) << *vertices;
 }
 
 TEST_F(HeadlessStill, PanoramaRendersPaddedAndWritesTheOutputSize) {

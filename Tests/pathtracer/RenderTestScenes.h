@@ -20,7 +20,8 @@ struct SceneMaker {
 
     uint32_t material(float3 base, float roughness, float metallic = 0, float3 emissive = {}, bool doubleSided = false) {
         ModelMaterial m;
-        m.name = "m" + std::to_string(model.materials.size());
+        m.name = "m";
+        m.name += std::to_string(model.materials.size()); // one append: GCC 12 misreads the concatenation
         m.baseColor[0] = base.x;
         m.baseColor[1] = base.y;
         m.baseColor[2] = base.z;

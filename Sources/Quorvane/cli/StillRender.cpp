@@ -1,11 +1,13 @@
 #include "cli/StillRender.h"
 
+#include "cli/NeeStatsReport.h"
 #include "image/RawDump.h"
 #include "image/ToneMapping.h"
 #include "scene/ColorMath.h"
 #include "scene/TextFormat.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -225,10 +227,17 @@ StillImage StillSession::render(const CameraDef& camera, bool reportLines, const
 
     if (reportLines_) {
         RadianceStats st = r.radianceStats();
-        out_(strprintf("stats: NaN/Inf samples %u, samples with dropped non-finite contributions %u, luminance mean "
-                       "%.2f / median %.2f / max %.0f cd/m2, black pixels %.3f%%",
-                       r.statCounter(STAT_NONFINITE_SAMPLE), r.statCounter(STAT_DROPPED_SAMPLE), st.mean, st.median,
-                       st.max, 100.0 * st.blackFraction));
+        // The counts print as %u does; the totals are 64-bit so long renders do not wrap.
+        out_(strprintf("stats: NaN/Inf samples %llu, samples with dropped non-finite contributions %llu, luminance "
+                       "mean %.2f / median %.2f / max %.0f cd/m2, black pixels %.3f%%",
+                       static_cast<unsigned long long>(r.statCounter(STAT_NONFINITE_SAMPLE)),
+                       static_cast<unsigned long long>(r.statCounter(STAT_DROPPED_SAMPLE)), st.mean, st.median, st.max,
+                       100.0 * st.blackFraction));
+        if (r.settings().debugNeeStats) {
+            std::array<uint64_t, STAT_COUNT> counters{};
+            for (uint32_t i = 0; i < STAT_COUNT; ++i) counters[i] = r.statCounter(i);
+            for (const std::string& line : neeStatsLines(counters)) out_(line);
+        }
     }
     if (options_.autoExposure) {
         double m = std::max(r.radianceStats().median, 0.0001);

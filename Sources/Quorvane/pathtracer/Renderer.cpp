@@ -202,6 +202,7 @@ void Renderer::resetAccumulation() {
     std::fill(guideA_.begin(), guideA_.end(), float4{});
     std::fill(guideB_.begin(), guideB_.end(), float4{});
     stats_.fill(0u);
+    statTotals_.fill(0u);
     sampleCount_ = 0;
     bandRow_ = 0;
     ++accumulationGeneration_;
@@ -317,6 +318,10 @@ void Renderer::dispatchRows(int64_t firstRow, int64_t rows) {
     u.params1.z = float(firstRow);
     FrameSums sums{accum_.data(), guideA_.data(), guideB_.data(), nullptr, stats_.data()};
     runCameraKernel(u, s, tracer, tex, sums, firstRow, rows);
+    for (uint32_t i = 0; i < STAT_COUNT; ++i) {
+        statTotals_[i] += stats_[i];
+        stats_[i] = 0u;
+    }
 }
 
 int64_t Renderer::encodeRows(int64_t rows) {

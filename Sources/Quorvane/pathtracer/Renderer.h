@@ -105,7 +105,8 @@ public:
     const std::vector<float4>& accum() const { return accum_; }
     const std::vector<float4>& guideA() const { return guideA_; }
     const std::vector<float4>& guideB() const { return guideB_; }
-    uint32_t statCounter(uint32_t index) const { return index < STAT_COUNT ? stats_[index] : 0u; }
+    // Stats counter `index` (STAT_*) summed since the last accumulation reset.
+    uint64_t statCounter(uint32_t index) const { return index < STAT_COUNT ? statTotals_[index] : 0u; }
 
     RadianceStats radianceStats() const;
     // The light reaching the visible surfaces, normalised to luminance 1;
@@ -169,7 +170,8 @@ private:
     int64_t sampleCount_ = 0;
     int64_t bandRow_ = 0;
     std::vector<float4> accum_, guideA_, guideB_;
-    std::array<uint32_t, STAT_COUNT> stats_{};
+    std::array<uint32_t, STAT_COUNT> stats_{};      // the kernel's 32-bit counters of one dispatch
+    std::array<uint64_t, STAT_COUNT> statTotals_{}; // their sums since the reset, which 32 bits could not hold
     uint64_t accumulationGeneration_ = 0;
 };
 

@@ -10,6 +10,8 @@
 #include "shaders/KernelHelpers.h"
 #include "shaders/KernelPortability.h"
 #include "shaders/LightSampling.h"
+#include "shaders/LightSamplingRIS.h"
+#include "shaders/NeeStats.h"
 #include "shaders/Random.h"
 #include "shaders/Records.h"
 #include "shaders/Sky.h"
@@ -211,6 +213,8 @@ struct OpaqueScatter {
     float3 v;      // toward the viewer, local frame
     float3 x, ng;  // hit point and facing geometric normal
     QV_KERNEL BSDFEval eval(float3 l) const { return bsdfEval(b, v, l); }
+    // The cheap resampling target of the RIS lamp modes.
+    QV_KERNEL float3 target(float3 l) const { return bsdfEvalTarget(b, v, l); }
     // Opaque surfaces receive light only on the side the ray came from.
     QV_KERNEL bool receives(float3 dir) const { return dot(dir, ng) > 0.0f; }
     QV_KERNEL float3 origin(float3 l) const { (void)l; return offsetRay(x, ng); }
@@ -224,6 +228,8 @@ struct FrostedScatter {
     float3 tint;
     float3 x, ng;
     QV_KERNEL BSDFEval eval(float3 l) const { return frostedEval(v, l, alpha, eta, tint); }
+    // The pane has no cheaper form: RIS resamples by its exact value.
+    QV_KERNEL float3 target(float3 l) const { return frostedEval(v, l, alpha, eta, tint).f; }
     QV_KERNEL bool receives(float3 dir) const { (void)dir; return true; }
     QV_KERNEL float3 origin(float3 l) const { return offsetRay(x, l.z > 0.0f ? ng : -ng); }
 };
@@ -238,6 +244,8 @@ QV_KERNEL void sunNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     BSDFEval e = sc.eval(l);
     if (!(maxComp(e.f) > 0.0f)) return;
     float3 T = shadowTransmittance(k.s, k.tr, sc.origin(l), ld, BIG);
+    countNeeStat(k.s, STAT_SUN_RAYS);
+    if (maxComp(T) > 0.0f) countNeeStat(k.s, STAT_SUN_UNOCCLUDED);
     float w = sw.neeOnly ? 1.0f : misW(sw.sunPdf, e.pdf);
     addC(L, beta * e.f * std::fabs(l.z) * xyz(k.u.sunRadiance) * T * (w / sw.sunPdf), doClamp, sw.clampLum, bad);
 }
@@ -256,7 +264,9 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     BSDFEval e = sc.eval(l);
     if (!(maxComp(e.f) > 0.0f)) return;
     float3 T = shadowTransmittance(s, k.tr, sc.origin(l), ts.dir, BIG);
+    countNeeStat(s, STAT_SKY_RAYS);
     if (!(maxComp(T) > 0.0f)) return;
+    countNeeStat(s, STAT_SKY_UNOCCLUDED);
     float pdf = skyTexelPdf(s.skyPdf, k.u.counts.z, ts);
     if (!(pdf > 0.0f)) return;
     float w = sw.neeOnly ? 1.0f : misW(pdf, e.pdf);
@@ -264,28 +274,44 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     addC(L, beta * e.f * std::fabs(l.z) * Ls * T * (w / pdf), doClamp, sw.clampLum, bad);
 }
 
-// One lamp, chosen with normal n; lamps are sampled only on the incident side
-// (dir . ng > 0) and the shadow ray is aimed at the sampled point itself.
+// One lamp, chosen with normal n (by RIS in the RIS modes); lamps are sampled
+// only on the incident side (dir . ng > 0) and the shadow ray is aimed at the
+// sampled point itself.
 template <class Tracer, class Scatter>
 QV_KERNEL void lampNee(const KernelContext<Tracer>& k, const PathSwitches& sw, const Scatter& sc, const Basis& frame,
-                       float3 n, int cell, float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
+                       float3 n, int cell, float3& L, float3 beta, bool doClamp, bool firstVertex, uint32_t& seed,
+                       bool& bad) {
     const SceneData& s = k.s;
-    LightChoice c = chooseLight(s, sc.x, n, cell, seed);
-    float2 r{rnd(seed), rnd(seed)};
-    if (!(c.pmf > 0.0f)) return;
-    LightSample ls = sampleLight(s.lights[c.index], sc.x, r);
+    countLampStat(s, STAT_LAMP_NEE_TRIED, firstVertex);
+    LampPick pick;
+    if (risLampMode(s.grid.mode.x, cell)) {
+        pick = risPickLamp(s, sc, frame, n, cell, seed);
+    } else {
+        LightChoice c = chooseLight(s, sc.x, n, cell, seed);
+        float2 r{rnd(seed), rnd(seed)};
+        if (c.pmf > 0.0f) {
+            pick.light = c.index;
+            pick.ls = sampleLight(s.lights[c.index], sc.x, r);
+            pick.misPdf = c.pmf * pick.ls.pdf;
+            pick.scale = 1.0f / pick.misPdf;
+        }
+    }
+    if (pick.light < 0) return;
+    countLampStat(s, STAT_LAMP_CHOSEN, firstVertex);
+    const LightSample& ls = pick.ls;
     if (!isValid(ls) || !(dot(ls.dir, sc.ng) > 0.0f)) return;
     float3 l = toLocal(frame, ls.dir);
     BSDFEval e = sc.eval(l);
     if (!(maxComp(e.f) > 0.0f)) return;
-    float pl = c.pmf * ls.pdf;
+    countLampStat(s, STAT_LAMP_BSDF_NONZERO, firstVertex);
     float3 xo = offsetRay(sc.x, sc.ng);
     float3 sd = sc.x + ls.dir * ls.dist - xo;
     float slen = length(sd);
     if (!(slen > 0.0f)) return;
     float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f - 1e-4f);
-    float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
-    addC(L, beta * e.f * std::fabs(l.z) * ls.Le * T * (w / pl), doClamp, sw.clampLum, bad);
+    if (maxComp(T) > 0.0f) countLampStat(s, STAT_LAMP_UNOCCLUDED, firstVertex);
+    float w = sw.neeOnly ? 1.0f : misW(pick.misPdf, e.pdf);
+    addC(L, beta * e.f * std::fabs(l.z) * ls.Le * T * (w * pick.scale), doClamp, sw.clampLum, bad);
 }
 
 // One emissive triangle, traced with the cell's roulette probability.
@@ -308,6 +334,8 @@ QV_KERNEL void emissiveNee(const KernelContext<Tracer>& k, const PathSwitches& s
     float slen = length(sd);
     if (!(slen > 0.0f)) return;
     float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f);
+    countNeeStat(s, STAT_EMISSIVE_RAYS);
+    if (maxComp(T) > 0.0f) countNeeStat(s, STAT_EMISSIVE_UNOCCLUDED);
     float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
     addC(L, beta * e.f * std::fabs(l.z) * es.Le * T * (w / pl), doClamp, sw.clampLum, bad);
 }
@@ -442,6 +470,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 }
                 ++depth;
                 if (depth > start.maxDepth) break;
+                countNeeStat(s, STAT_SCATTER_VERTICES);
                 float alpha = frostedAlpha(m.extra.y);
                 float eta = m.params.z;
                 Basis frame = makeBasis(sh.ng);
@@ -454,7 +483,8 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 if (sw.sunNee) sunNee(k, sw, pane, frame, L, beta, clampSunSky, seed, bad);
                 if (sw.skyNee) skyNee(k, sw, pane, frame, L, beta, clampSunSky, seed, bad);
                 if (sw.lightCount > 0u)
-                    lampNee(k, sw, pane, frame, sh.ng, cell, L, beta, depth >= start.clampFrom, seed, bad);
+                    lampNee(k, sw, pane, frame, sh.ng, cell, L, beta, depth >= start.clampFrom, depth == 1u, seed,
+                            bad);
                 float3 r3{rnd(seed), rnd(seed), rnd(seed)};
                 BSDFSample bs = frostedSample(v, alpha, eta, tint, r3);
                 if (!isValid(bs)) break;
@@ -588,6 +618,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
         if (depth == 0u) out.E0 = L;
         ++depth;
         if (depth > start.maxDepth) break;
+        countNeeStat(s, STAT_SCATTER_VERTICES);
         float3 wo = -d;
         if (dot(wo, ns) <= 1e-4f) ns = ng;
         Basis frame = makeBasis(ns);
@@ -610,7 +641,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
         bool doClamp = depth >= start.clampFrom;
         if (sw.sunNee) sunNee(k, sw, surface, frame, L, beta, doClamp, seed, bad);
         if (sw.skyNee) skyNee(k, sw, surface, frame, L, beta, doClamp, seed, bad);
-        if (sw.lightCount > 0u) lampNee(k, sw, surface, frame, ns, cell, L, beta, doClamp, seed, bad);
+        if (sw.lightCount > 0u) lampNee(k, sw, surface, frame, ns, cell, L, beta, doClamp, depth == 1u, seed, bad);
         if (sw.emCount > 0u) emissiveNee(k, sw, surface, frame, cell, L, beta, doClamp, seed, bad);
 
         float3 r3{rnd(seed), rnd(seed), rnd(seed)};
