@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
     std::printf("device: %s  (set up in %.3f s)\n", renderer.deviceName().c_str(), renderer.compileSeconds());
     auto t2 = std::chrono::steady_clock::now();
     renderer.load(model, scene);
-    std::printf("scene build: %.3f s\n", seconds(t2));
+    std::printf("scene build: %.3f s (of which the light grid's bake %.3f s)\n", seconds(t2),
+                renderer.lightGridSeconds());
     auto t3 = std::chrono::steady_clock::now();
     EnvironmentPreset preset = EnvironmentPreset::preset(time);
     renderer.setEnvironment(preset, scene.northDeg.value_or(0.0f));

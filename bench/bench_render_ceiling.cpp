@@ -5,7 +5,8 @@
 // queries alone, in that shape: at every vertex the nearest-hit query the
 // kernel makes (one traversal over opaque, glass and fittings), the same
 // number of shadow rays of each kind (long rays toward the sky and sun, short
-// ones toward lamp centres and emissive triangles), a cosine bounce, and no
+// ones toward the centres of lamps the vertex's grid cell lists and of
+// emissive triangles), a cosine bounce, and no
 // shading, no light choice and no accumulation. The ratio of the two rates
 // says how much of the render the shading costs.
 //   bench_render_ceiling [camera=Living] [day|dusk|night] [spp=4] [WxH=1280x720]
@@ -17,6 +18,7 @@
 #include "shaders/CameraRays.h"
 #include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
+#include "shaders/LightSampling.h"
 #include "shaders/Random.h"
 
 #include <tbb/blocked_range2d.h>
@@ -58,12 +60,26 @@ float3 cosineAround(float3 n, uint32_t& seed) {
 }
 
 struct CeilingCounts {
-    uint64_t vertices = 0, nearest = 0, shadow = 0;
+    uint64_t vertices = 0, nearest = 0, shadow = 0, glass = 0;
 };
 
 // One path in the measured shape, traced with ray queries alone.
-void traceCeilingPath(const GeometryBuild& g, const PathShape& shape, float3 o, float3 d, uint32_t seed,
-                      CeilingCounts& counts) {
+// Lamp shadow rays go where the renderer's go: to a lamp listed for the
+// vertex's grid cell (picked uniformly, without the light weights), else to
+// any lamp; so the ceiling's rays are as often unoccluded, and as long.
+uint32_t pickLamp(const SceneData& sd, float3 x, float3 n, size_t lamps, uint32_t& seed) {
+    const int cell = lightCellOf(sd, x, n);
+    const float u = rnd(seed);
+    if (cell >= 0 && sd.cellRange[cell].y > 0) {
+        const uint4 range = sd.cellRange[cell];
+        const uint32_t k = std::min(uint32_t(u * float(range.y)), range.y - 1u);
+        return sd.cellEntry[range.x + k] & CELL_ENTRY_LIGHT_MASK;
+    }
+    return uint32_t(std::min(size_t(u * float(lamps)), lamps - 1));
+}
+
+void traceCeilingPath(const GeometryBuild& g, const SceneData& sd, const PathShape& shape, float3 o, float3 d,
+                      uint32_t seed, CeilingCounts& counts) {
     const uint32_t targetVertices = drawCount(shape.vertices, seed);
     for (uint32_t vertex = 0;; ++vertex) {
         // One traversal for the segment's nearest hit over every set, as the
@@ -77,15 +93,21 @@ void traceCeilingPath(const GeometryBuild& g, const PathShape& shape, float3 o, 
         if (dot(n, d) > 0.0f) n = n * -1.0f;
         float3 xo = offsetRay(x, n);
 
+        // A shadow ray as the renderer traces it: opaque occlusion first, and
+        // when the way is clear, the nearest glass along it (the renderer
+        // then steps through every pane it finds; the first query is kept).
+        const bool hasGlass = g.glassTriangles > 0;
         auto shadow = [&](float3 dir, float tmax) {
-            g.opAS->occluded(Ray{xo, dir, 0.0f, tmax, kRayMaskAll});
             ++counts.shadow;
+            if (g.opAS->occluded(Ray{xo, dir, 0.0f, tmax, kRayMaskAll}) || !hasGlass) return;
+            g.glassAS->intersect(Ray{xo, dir, 0.0f, tmax, kMaskGlass});
+            ++counts.glass;
         };
         uint32_t farRays = drawCount(shape.sunRays + shape.skyRays, seed);
         for (uint32_t k = 0; k < farRays; ++k) shadow(cosineAround(n, seed), BIG);
         uint32_t lampRays = g.lights.empty() ? 0u : drawCount(shape.lampRays, seed);
         for (uint32_t k = 0; k < lampRays; ++k) {
-            const GPULight& L = g.lights[std::min(size_t(rnd(seed) * float(g.lights.size())), g.lights.size() - 1)];
+            const GPULight& L = g.lights[pickLamp(sd, x, n, g.lights.size(), seed)];
             float3 to = float3{L.posType.x, L.posType.y, L.posType.z} - xo;
             float dist = length(to);
             if (dist > 1e-4f) shadow(to / dist, dist * 0.999f);
@@ -158,6 +180,10 @@ int main(int argc, char** argv) {
 
     // The same camera rays in that shape, with ray queries alone.
     const GeometryBuild& g = *renderer.geometry();
+    SceneData sd = geometrySceneData(g);
+    sd.grid = renderer.lightGrid();
+    sd.cellRange = renderer.cellRange().data();
+    sd.cellEntry = renderer.cellEntry().data();
     const GPUUniforms u = renderer.updateUniforms();
     tbb::combinable<CeilingCounts> perThread;
     auto t1 = std::chrono::steady_clock::now();
@@ -168,7 +194,7 @@ int main(int argc, char** argv) {
                 for (int x = r.cols().begin(); x < r.cols().end(); ++x) {
                     uint32_t seed = pixelSeed(uint32_t(y * width + x), uint32_t(s), 17u);
                     float2 pixel{float(x) + rnd(seed), float(y) + rnd(seed)};
-                    traceCeilingPath(g, shape, xyz(u.camPos), cameraRayDir(u, pixel), seed, counts);
+                    traceCeilingPath(g, sd, shape, xyz(u.camPos), cameraRayDir(u, pixel), seed, counts);
                 }
         });
     }
@@ -177,6 +203,7 @@ int main(int argc, char** argv) {
         a.vertices += b.vertices;
         a.nearest += b.nearest;
         a.shadow += b.shadow;
+        a.glass += b.glass;
         return a;
     });
 
@@ -186,9 +213,9 @@ int main(int argc, char** argv) {
                 "shadow rays\n",
                 shape.vertices, shape.sunRays, shape.skyRays, shape.lampRays, shape.emissiveRays);
     std::printf("path shape (ceiling):  %.3f vertices per path; %.3f shadow rays per vertex; %.3f nearest-hit "
-                "queries per path\n",
+                "queries per path; %.3f glass queries per shadow ray\n",
                 double(total.vertices) / paths, double(total.shadow) / double(std::max<uint64_t>(total.vertices, 1)),
-                double(total.nearest) / paths);
+                double(total.nearest) / paths, double(total.glass) / double(std::max<uint64_t>(total.shadow, 1)));
     std::printf("renderer: %.3f Mpaths/s (%.2f s)\n", renderRate, renderSeconds);
     std::printf("ceiling:  %.3f Mpaths/s (%.2f s)\n", ceilingRate, ceilingSeconds);
     std::printf("renderer / ceiling: %.0f%%\n", 100.0 * renderRate / ceilingRate);

@@ -260,6 +260,24 @@ QV_KERNEL int lightCellOf(const SceneData& s, float3 x, float3 ng) {
     return lightCellAt(s, x + ng * s.grid.params.z);
 }
 
+// Starts loading the cell record that lightCellOf(x, ng) will read, without
+// waiting for it: a shading point knows its position well before it chooses
+// a lamp.
+QV_KERNEL void prefetchLightCell(const SceneData& s, float3 x, float3 ng) {
+    const GPULightGridParams& g = s.grid;
+    if (g.mode.x == NEE_TREE || g.mode.x == NEE_RIS_TREE || g.mode.z == 0u || !s.cellRange) return;
+    float3 f = (x + ng * g.params.z - xyz(g.origin)) / g.origin.w;
+    if (!(f.x >= 0.0f && f.y >= 0.0f && f.z >= 0.0f)) return;
+    if (!(f.x < float(g.dims.x) && f.y < float(g.dims.y) && f.z < float(g.dims.z))) return;
+    uint32_t index = uint32_t(f.x) + g.dims.x * (uint32_t(f.y) + g.dims.y * uint32_t(f.z));
+    QV_PREFETCH(s.cellRange + index);
+}
+
+// Starts loading a cell's list of lamps (its record should be cached by now).
+QV_KERNEL void prefetchLightCellList(const SceneData& s, int cell) {
+    if (cell >= 0) QV_PREFETCH(s.cellEntry + s.cellRange[cell].x);
+}
+
 QV_KERNEL float cellEntryWeight(const SceneData& s, uint32_t entry, float3 x, float3 n) {
     uint32_t li = entry & CELL_ENTRY_LIGHT_MASK;
     float vis = float((entry >> CELL_ENTRY_VIS_SHIFT) & 0xFFu) / 255.0f;

@@ -586,6 +586,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 out.firstDist = travelled;
                 out.firstBack = !sh.front && !cap;
             }
+            if (sw.lightCount > 0u || sw.emCount > 0u) prefetchLightCell(s, x, ng);
             base = cap ? xyz(m.baseColor) : texturedBase(k, m, hOp, d, coneW * sw.texScale);
             if (!cap && m.emission.w > 0.0f && info.y != NO_EMISSIVE && !(sw.noCaustics && afterRoughDelta)) {
                 const GPUEmissiveTri& et = s.emTris[info.y];
@@ -637,6 +638,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
         (void)isFitting;
 
         int cell = (sw.lightCount > 0u || sw.emCount > 0u) ? lightCellOf(s, x, ng) : -1;
+        prefetchLightCellList(s, cell);
         OpaqueScatter surface{b, v, x, ng};
         bool doClamp = depth >= start.clampFrom;
         if (sw.sunNee) sunNee(k, sw, surface, frame, L, beta, doClamp, seed, bad);
