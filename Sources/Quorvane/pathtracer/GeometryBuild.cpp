@@ -276,6 +276,8 @@ GeometryBuild buildGeometry(const LoadedModel& model, const SceneDescription& sc
             g.emCdf.push_back(static_cast<float>(running / totalWeight));
         }
         g.emCdf.back() = 1.0f;
+        g.emGuide.resize(CDF_GUIDE_N + 1);
+        buildCdfGuide(g.emCdf.data(), static_cast<uint32_t>(g.emCdf.size()), g.emGuide.data());
     } else {
         g.emTris.clear();
         for (uint2& info : g.opInfo) info.y = NO_EMISSIVE;
@@ -444,6 +446,7 @@ SceneData geometrySceneData(const GeometryBuild& g) {
     s.nodes = g.nodes.data();
     s.emTris = g.emTris.data();
     s.emCdf = g.emCdf.data();
+    s.emGuide = g.emGuide.empty() ? nullptr : g.emGuide.data();
     s.hasGlass = g.glassTriangles > 0;
     return s;
 }

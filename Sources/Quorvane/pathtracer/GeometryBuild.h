@@ -47,6 +47,7 @@ struct GeometryBuild {
     std::vector<GPULightNode> nodes;
     std::vector<GPUEmissiveTri> emTris;
     std::vector<float> emCdf;             // running sum of emTris[i].pmf, last entry exactly 1
+    std::vector<uint32_t> emGuide;        // CDF_GUIDE_N + 1 search guides of emCdf (empty without emitters)
     GPULightGridParams grid{};            // mode.z = 0: no visibility grid yet
 
     std::shared_ptr<const RayQuery> opAS;

@@ -491,7 +491,7 @@ struct EmissiveSample {
 
 QV_KERNEL EmissiveSample sampleEmissive(const SceneData& s, uint32_t count, float3 x, float3 u) {
     EmissiveSample es;
-    uint32_t k = searchCdf(s.emCdf, count, u.x);
+    uint32_t k = s.emGuide ? searchCdfGuided(s.emCdf, count, u.x, s.emGuide) : searchCdf(s.emCdf, count, u.x);
     const GPUEmissiveTri& et = s.emTris[k];
     const uint32_t* idx = s.opIdx + size_t(et.tri) * 3u;
     float3 p0 = s.opPos[idx[0]], p1 = s.opPos[idx[1]], p2 = s.opPos[idx[2]];

@@ -372,20 +372,29 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
     bool bad = false;
 
     for (int iter = 0; iter < PATH_MAX_ITERATIONS; ++iter) {
-        if (sw.skyNee && s.skyColGuide) {
-            // Should this segment end on a surface, its sky sample will use
-            // the numbers after the sun's two: start loading its column
-            // table entries now, while the ray is traced.
+        // Should this segment end on a surface, its sky sample will use the
+        // numbers after the sun's two: start loading its tables while the
+        // ray is traced.
+        const bool skyAhead = sw.skyNee && s.skyColGuide;
+        uint32_t skyRow = 0;
+        float skyU1 = 0.0f;
+        if (skyAhead) {
             uint32_t ahead = seed;
             if (sw.sunNee) {
                 rnd(ahead);
                 rnd(ahead);
             }
-            float u0 = rnd(ahead), u1 = rnd(ahead);
-            prefetchSkyTexel(s.skyRowCdf, s.skyColCdf, s.skyRowGuide, s.skyColGuide, u.counts.z, u.counts.w, u0, u1);
+            float u0 = rnd(ahead);
+            skyU1 = rnd(ahead);
+            skyRow = prefetchSkyRow(s.skyRowCdf, s.skyRowGuide, s.skyColGuide, u.counts.w, u0, skyU1);
         }
         KernelHit hOp, hAux;
         const bool opKnown = traceSegment(k.tr, o, d, hOp, hAux);
+        if (skyAhead) prefetchSkyColumns(s.skyColCdf, s.skyColGuide, u.counts.z, skyRow, skyU1);
+        // And the light grid's cell record, from the hit distance alone (the
+        // normal comes later; a point near a cell boundary may load the
+        // neighbour's, which costs nothing but the load).
+        if (isHit(hOp) && (sw.lightCount > 0u || sw.emCount > 0u)) prefetchLightCell(s, o + d * hOp.t, -d);
         float tOp = isHit(hOp) ? hOp.t : BIG;
         bool auxFirst = isHit(hAux) && hAux.t < tOp;
         bool direct0 = start.skipDirect && depth == 0u;
@@ -586,7 +595,6 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
                 out.firstDist = travelled;
                 out.firstBack = !sh.front && !cap;
             }
-            if (sw.lightCount > 0u || sw.emCount > 0u) prefetchLightCell(s, x, ng);
             base = cap ? xyz(m.baseColor) : texturedBase(k, m, hOp, d, coneW * sw.texScale);
             if (!cap && m.emission.w > 0.0f && info.y != NO_EMISSIVE && !(sw.noCaustics && afterRoughDelta)) {
                 const GPUEmissiveTri& et = s.emTris[info.y];

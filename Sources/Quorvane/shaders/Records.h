@@ -204,6 +204,7 @@ struct SceneData {
     const GPULight* lights = nullptr;
     const GPUEmissiveTri* emTris = nullptr;
     const float* emCdf = nullptr;           // running sum of emTris[i].pmf
+    const uint32_t* emGuide = nullptr;      // CDF_GUIDE_N + 1 search guides of emCdf, or none
     const float4* sky = nullptr;            // W x H radiance texels (cd/m2), latitude-longitude
     const float* skyRowCdf = nullptr;       // H
     const float* skyColCdf = nullptr;       // H x W

@@ -463,12 +463,21 @@ QV_KERNEL SkyTexelSample sampleSkyTexelGuided(const float* rowCdf, const float* 
     return skyTexelDirection(W, H, row, col, u);
 }
 
-// Starts loading the column table entries that sampleSkyTexelGuided will
-// search for the same u.x and u.y: a caller that knows its next sky sample's
-// random numbers early can hide that search's cache miss behind other work.
-QV_KERNEL void prefetchSkyTexel(const float* rowCdf, const float* colCdf, const uint32_t* rowGuide,
-                                const uint32_t* colGuide, uint32_t W, uint32_t H, float u0, float u1) {
+// Prefetching for a sky sample whose random numbers are known early, in two
+// stages so that neither waits on memory: the first finds the row (its
+// tables are small and stay cached) and starts loading the row's column
+// guide; the second, some work later, reads that guide and starts loading
+// the column table entries that sampleSkyTexelGuided will search.
+QV_KERNEL uint32_t prefetchSkyRow(const float* rowCdf, const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t H,
+                                  float u0, float u1) {
     uint32_t row = searchCdfGuided(rowCdf, H, u0, rowGuide);
+    float scaled = u1 * float(CDF_GUIDE_N);
+    uint32_t k = scaled >= float(CDF_GUIDE_N) ? CDF_GUIDE_N - 1u : (scaled > 0.0f ? uint32_t(scaled) : 0u);
+    QV_PREFETCH(colGuide + size_t(row) * (CDF_GUIDE_N + 1u) + k);
+    return row;
+}
+
+QV_KERNEL void prefetchSkyColumns(const float* colCdf, const uint32_t* colGuide, uint32_t W, uint32_t row, float u1) {
     CdfRange range = cdfGuideRange(W, u1, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
     QV_PREFETCH(colCdf + size_t(row) * W + range.lo);
 }
