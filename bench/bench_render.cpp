@@ -2,13 +2,12 @@
 // sample scene, renders one camera at one time of day and prints the build
 // times and the render rate in Mpaths/s (samples x pixels per second).
 //   bench_render [camera] [day|dusk|night] [spp] [WxH] [out.png]
+#include "BenchView.h"
 #include "image/PNGWriter.h"
 #include "image/ToneMapping.h"
 #include "pathtracer/Renderer.h"
 #include "scene/ColorMath.h"
 #include "scene/EnvironmentPreset.h"
-#include "scene/GLBLoader.h"
-#include "scene/SceneDescription.h"
 
 #include <chrono>
 #include <cstdio>
@@ -20,27 +19,17 @@
 using namespace qv;
 
 int main(int argc, char** argv) {
-    std::string cameraName = argc > 1 ? argv[1] : "Living";
-    std::string timeName = argc > 2 ? argv[2] : "night";
-    int spp = argc > 3 ? std::atoi(argv[3]) : 16;
-    int width = 1280, height = 720;
-    if (argc > 4) std::sscanf(argv[4], "%dx%d", &width, &height);
+    const bench::BenchView view = bench::parseView(argc, argv, 16);
+    const int spp = view.spp, width = view.width, height = view.height;
     std::string out = argc > 5 ? argv[5] : "";
 
     auto log = [](std::string_view line) { std::printf("%.*s\n", int(line.size()), line.data()); };
-    std::string root = QV_SOURCE_DIR;
     auto t0 = std::chrono::steady_clock::now();
-    LoadedModel model = GLBLoader::load(root + "/Resources/house.glb");
-    SceneDescription scene = SceneDescription::load(root + "/Resources/sample_scene.json", log);
+    const bench::BundledHouse house = bench::loadBundledHouse(log);
     auto seconds = [](auto a) { return std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count(); };
-    std::printf("load: %.3f s (%zu triangles)\n", seconds(t0), model.triangleCount());
-
-    const CameraDef* camera = scene.camera(cameraName);
-    if (!camera) {
-        std::fprintf(stderr, "no camera %s\n", cameraName.c_str());
-        return 1;
-    }
-    TimeOfDay time = timeName == "day" ? TimeOfDay::day : timeName == "dusk" ? TimeOfDay::dusk : TimeOfDay::night;
+    std::printf("load: %.3f s (%zu triangles)\n", seconds(t0), house.model.triangleCount());
+    const CameraDef* camera = bench::viewCamera(house, view);
+    if (!camera) return 1;
     RenderSettings settings;
     settings.width = width;
     settings.height = height;
@@ -49,12 +38,12 @@ int main(int argc, char** argv) {
     Renderer renderer(settings, log);
     std::printf("device: %s  (set up in %.3f s)\n", renderer.deviceName().c_str(), renderer.compileSeconds());
     auto t2 = std::chrono::steady_clock::now();
-    renderer.load(model, scene);
+    renderer.load(house.model, house.scene);
     std::printf("scene build: %.3f s (of which the light grid's bake %.3f s)\n", seconds(t2),
                 renderer.lightGridSeconds());
     auto t3 = std::chrono::steady_clock::now();
-    EnvironmentPreset preset = EnvironmentPreset::preset(time);
-    renderer.setEnvironment(preset, scene.northDeg.value_or(0.0f));
+    EnvironmentPreset preset = EnvironmentPreset::preset(view.time());
+    renderer.setEnvironment(preset, house.scene.northDeg.value_or(0.0f));
     std::printf("environment: %.3f s\n", seconds(t3));
     (void)t1;
     renderer.setCamera(*camera);

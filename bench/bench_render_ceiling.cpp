@@ -10,11 +10,10 @@
 // shading, no light choice and no accumulation. The ratio of the two rates
 // says how much of the render the shading costs.
 //   bench_render_ceiling [camera=Living] [day|dusk|night] [spp=4] [WxH=1280x720]
+#include "BenchView.h"
 #include "pathtracer/GeometryBuild.h"
 #include "pathtracer/Renderer.h"
 #include "scene/EnvironmentPreset.h"
-#include "scene/GLBLoader.h"
-#include "scene/SceneDescription.h"
 #include "shaders/CameraRays.h"
 #include "shaders/FastTrig.h"
 #include "shaders/KernelHelpers.h"
@@ -129,32 +128,22 @@ void traceCeilingPath(const GeometryBuild& g, const SceneData& sd, const PathSha
 } // namespace
 
 int main(int argc, char** argv) {
-    std::string cameraName = argc > 1 ? argv[1] : "Living";
-    std::string timeName = argc > 2 ? argv[2] : "night";
-    int spp = argc > 3 ? std::atoi(argv[3]) : 4;
-    int width = 1280, height = 720;
-    if (argc > 4) std::sscanf(argv[4], "%dx%d", &width, &height);
-
+    const bench::BenchView view = bench::parseView(argc, argv, 4);
+    const int spp = view.spp, width = view.width, height = view.height;
     auto quiet = [](std::string_view) {};
-    std::string root = QV_SOURCE_DIR;
-    LoadedModel model = GLBLoader::load(root + "/Resources/house.glb");
-    SceneDescription scene = SceneDescription::load(root + "/Resources/sample_scene.json", quiet);
-    const CameraDef* camera = scene.camera(cameraName);
-    if (!camera) {
-        std::fprintf(stderr, "no camera %s\n", cameraName.c_str());
-        return 1;
-    }
-    TimeOfDay time = timeName == "day" ? TimeOfDay::day : timeName == "dusk" ? TimeOfDay::dusk : TimeOfDay::night;
+    const bench::BundledHouse house = bench::loadBundledHouse(quiet);
+    const CameraDef* camera = bench::viewCamera(house, view);
+    if (!camera) return 1;
 
     RenderSettings settings;
     settings.width = width;
     settings.height = height;
     Renderer renderer(settings, quiet);
-    renderer.load(model, scene);
-    renderer.setEnvironment(EnvironmentPreset::preset(time), scene.northDeg.value_or(0.0f));
+    renderer.load(house.model, house.scene);
+    renderer.setEnvironment(EnvironmentPreset::preset(view.time()), house.scene.northDeg.value_or(0.0f));
     renderer.setCamera(*camera);
     renderer.resize(width, height);
-    const double paths = double(spp) * double(width) * double(height);
+    const double paths = view.paths();
 
     // The renderer's rate, then its path shape from the counters.
     auto t0 = std::chrono::steady_clock::now();
@@ -208,7 +197,7 @@ int main(int argc, char** argv) {
     });
 
     const double renderRate = paths / renderSeconds / 1e6, ceilingRate = paths / ceilingSeconds / 1e6;
-    std::printf("view: %s, %s, %dx%d, %d spp\n", cameraName.c_str(), timeName.c_str(), width, height, spp);
+    std::printf("view: %s, %s, %dx%d, %d spp\n", view.cameraName.c_str(), view.timeName.c_str(), width, height, spp);
     std::printf("path shape (renderer): %.3f vertices per path; per vertex %.3f sun, %.3f sky, %.3f lamp, %.3f emissive "
                 "shadow rays\n",
                 shape.vertices, shape.sunRays, shape.skyRays, shape.lampRays, shape.emissiveRays);
