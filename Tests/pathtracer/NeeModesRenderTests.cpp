@@ -25,25 +25,9 @@ void expectSameMean(const ImageMean& a, const ImageMean& b, const char* what) {
                                      << b.se;
 }
 
-LightDef lampDef(const char* kind, std::vector<float> position, float lumens) {
-    LightDef d;
-    d.kind = kind;
-    d.position = std::move(position);
-    d.lumens = lumens;
-    d.kelvin = 4000;
-    return d;
-}
-
 // A vertical wall from (x0, z0) to (x1, z1), floor to height h.
 void wall(SceneMaker& sm, float x0, float z0, float x1, float z1, float h, uint32_t mat) {
     sm.quad({x0, 0, z0}, {x1, 0, z1}, {x1, h, z1}, {x0, h, z0}, mat);
-}
-
-// A horizontal rectangle at height y, facing up (or down).
-void rectangle(SceneMaker& sm, float y, float x0, float x1, float z0, float z1, uint32_t mat, bool down = false) {
-    float3 a{x0, y, z0}, b{x1, y, z0}, c{x1, y, z1}, d{x0, y, z1};
-    if (down) sm.quad(a, b, c, d, mat);
-    else sm.quad(a, d, c, b, mat);
 }
 
 // Two rooms of 2 x 3 m under one ceiling, joined by a doorway in the
@@ -54,8 +38,8 @@ SceneMaker twoRooms() {
     uint32_t floor = sm.material({0.6f, 0.55f, 0.5f}, 0.7f);
     uint32_t walls = sm.material({0.8f, 0.8f, 0.75f}, 0.9f);
     uint32_t glossy = sm.material({0.5f, 0.5f, 0.55f}, 0.3f);
-    rectangle(sm, 0, -2, 2, -1.5f, 1.5f, floor);
-    rectangle(sm, 2.5f, -2, 2, -1.5f, 1.5f, walls, true);
+    sm.rectangle(0, -2, 2, -1.5f, 1.5f, floor);
+    sm.rectangle(2.5f, -2, 2, -1.5f, 1.5f, walls, true);
     wall(sm, -2, -1.5f, 2, -1.5f, 2.5f, walls);
     wall(sm, -2, 1.5f, 2, 1.5f, 2.5f, walls);
     wall(sm, -2, -1.5f, -2, 1.5f, 2.5f, walls);
@@ -133,7 +117,7 @@ std::vector<uint64_t> counters(const Renderer& r) {
 // seen from above so that every camera ray meets the floor.
 SceneMaker sunlitFloor() {
     SceneMaker sm;
-    rectangle(sm, 0, -2, 2, -2, 2, sm.material({0.7f, 0.7f, 0.7f}, 0.8f));
+    sm.rectangle(0, -2, 2, -2, 2, sm.material({0.7f, 0.7f, 0.7f}, 0.8f));
     LightDef d = lampDef("pendant", {1.6f, 0.6f, 0.0f}, 1500);
     d.radius = 0.2f;
     sm.scene.lights.push_back(d);
@@ -174,8 +158,8 @@ TEST(NeeCounters, DeeperPathsUnderAShadingSlabStayWithinTheirTotals) {
     SceneMaker sm = sunlitFloor();
     // A slab over half the floor, an emissive panel under it and a low wall
     // that hides the panel from part of the floor.
-    rectangle(sm, 1.2f, -2, 0, -2, 2, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
-    rectangle(sm, 1.1f, -1.5f, -0.5f, -0.5f, 0.5f, sm.material({0.5f, 0.5f, 0.5f}, 0.6f, 0, {0.4f, 0.35f, 0.3f}), true);
+    sm.rectangle(1.2f, -2, 0, -2, 2, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
+    sm.rectangle(1.1f, -1.5f, -0.5f, -0.5f, 0.5f, sm.material({0.5f, 0.5f, 0.5f}, 0.6f, 0, {0.4f, 0.35f, 0.3f}), true);
     wall(sm, -0.2f, -2, -0.2f, 2, 0.6f, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
     sm.finish();
     const CameraDef cam = camera({0.5f, 2.2f, 0.3f}, {0.3f, 0, 0}, 50);

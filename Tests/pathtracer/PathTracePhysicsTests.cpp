@@ -3,6 +3,7 @@
 // lamp of known lumens lights the ground plane with the irradiance I cos / d^2,
 // the sky and sun seen by escaping camera rays are the sky map's, and the
 // accumulation is deterministic and band-independent.
+#include "RenderTestScenes.h"
 #include "pathtracer/EnergyTables.h"
 #include "pathtracer/Renderer.h"
 #include "scene/ColorMath.h"
@@ -24,137 +25,9 @@
 namespace qv {
 namespace {
 
+using namespace testscenes;
+
 constexpr double kZ = 4.0; // standard errors allowed between two estimates (or an estimate and its exact value)
-
-// ---- Scenes ------------------------------------------------------------------
-
-struct SceneMaker {
-    LoadedModel model;
-    SceneDescription scene;
-
-    uint32_t material(float3 base, float roughness, float3 emissive = {}, bool doubleSided = false) {
-        ModelMaterial m;
-        m.name = "m" + std::to_string(model.materials.size());
-        m.baseColor[0] = base.x;
-        m.baseColor[1] = base.y;
-        m.baseColor[2] = base.z;
-        m.metallic = 0;
-        m.roughness = roughness;
-        m.emissive = emissive;
-        m.doubleSided = doubleSided;
-        model.materials.push_back(m);
-        return uint32_t(model.materials.size() - 1);
-    }
-    void triangle(float3 a, float3 b, float3 c, uint32_t mat) {
-        uint32_t n = uint32_t(model.positions.size());
-        float3 normal = normalize(cross(b - a, c - a));
-        model.positions.insert(model.positions.end(), {a, b, c});
-        model.normals.insert(model.normals.end(), {normal, normal, normal});
-        model.uvs.insert(model.uvs.end(), {float2{0, 0}, float2{1, 0}, float2{0, 1}});
-        model.indices.insert(model.indices.end(), {n, n + 1, n + 2});
-        model.triMaterial.push_back(mat);
-        model.triRole.push_back(0);
-    }
-    // A horizontal rectangle at height y, facing up (or down).
-    void rectangle(float y, float x0, float x1, float z0, float z1, uint32_t mat, bool down = false) {
-        float3 a{x0, y, z0}, b{x1, y, z0}, c{x1, y, z1}, d{x0, y, z1};
-        if (down) {
-            triangle(a, b, c, mat);
-            triangle(a, c, d, mat);
-        } else {
-            triangle(a, c, b, mat);
-            triangle(a, d, c, mat);
-        }
-    }
-    void lamp(LightDef d) { scene.lights.push_back(std::move(d)); }
-    void finish() {
-        float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
-        for (float3 p : model.positions) {
-            lo = float3{std::fmin(lo.x, p.x), std::fmin(lo.y, p.y), std::fmin(lo.z, p.z)};
-            hi = float3{std::fmax(hi.x, p.x), std::fmax(hi.y, p.y), std::fmax(hi.z, p.z)};
-        }
-        model.boundsMin = model.coreBoundsMin = lo;
-        model.boundsMax = model.coreBoundsMax = hi;
-    }
-};
-
-LightDef lampDef(const char* kind, std::vector<float> position, float lumens) {
-    LightDef d;
-    d.kind = kind;
-    d.position = std::move(position);
-    d.lumens = lumens;
-    d.kelvin = 4000;
-    return d;
-}
-
-CameraDef camera(float3 eye, float3 target, float fovDeg) {
-    CameraDef c;
-    c.name = "test";
-    c.eye = eye;
-    c.target = target;
-    c.fovDeg = fovDeg;
-    return c;
-}
-
-// No sun, no sky: the only light is the scene's.
-EnvironmentPreset blackSky() {
-    EnvironmentPreset p = EnvironmentPreset::preset(TimeOfDay::night);
-    p.sunScale = 0;
-    p.skyFloor = float3{0, 0, 0};
-    return p;
-}
-
-RenderSettings smallSettings(int64_t w, int64_t h, uint32_t maxDepth) {
-    RenderSettings s;
-    s.width = w;
-    s.height = h;
-    s.maxDepth = maxDepth;
-    s.clampMultiple = 0; // the firefly clamp is biased differently for each estimator
-    s.neeMode = NEEMode::tree;
-    s.skyWidth = 64;
-    s.skyHeight = 32;
-    return s;
-}
-
-struct Render {
-    std::unique_ptr<Renderer> r;
-    std::vector<std::string> log;
-};
-
-Render render(const SceneMaker& sm, const RenderSettings& settings, const EnvironmentPreset& env, const CameraDef& cam,
-              int64_t samples) {
-    Render out;
-    auto* lines = &out.log;
-    out.r = std::make_unique<Renderer>(settings, [lines](std::string_view l) { lines->emplace_back(l); });
-    out.r->load(sm.model, sm.scene);
-    out.r->setEnvironment(env, 0.0f);
-    out.r->setCamera(cam);
-    out.r->resize(settings.width, settings.height);
-    if (samples > 0) out.r->encodeSamples(samples);
-    return out;
-}
-
-// The mean pixel luminance of the image and its standard error, from each
-// pixel's sample mean and second moment (guideB.w holds the sum of squared
-// sample luminances). Pixels are independent, so the variances add.
-struct ImageMean {
-    double mean = 0, se = 0;
-};
-
-ImageMean imageMean(const Renderer& r) {
-    const auto& a = r.accum();
-    const auto& b = r.guideB();
-    double sum = 0, var = 0;
-    for (size_t i = 0; i < a.size(); ++i) {
-        double n = a[i].w;
-        double m = luminance(xyz(a[i])) / n;
-        double m2 = double(b[i].w) / n;
-        sum += m;
-        var += std::max(m2 - m * m, 0.0) / (n - 1);
-    }
-    double P = double(a.size());
-    return ImageMean{sum / P, std::sqrt(var) / P};
-}
 
 void expectSameMean(const ImageMean& a, const ImageMean& b, const char* what) {
     double tol = kZ * std::sqrt(a.se * a.se + b.se * b.se);
@@ -210,7 +83,7 @@ std::vector<EstimatorScene> estimatorScenes() {
         // A one-sided emissive panel facing down close over the floor (so that
         // its density's distance-squared factor is far from 1), and a lamp beside it.
         EstimatorScene e{"emissive panel", floorScene(), blackSky()};
-        uint32_t glow = e.scene.material({0.5f, 0.5f, 0.5f}, 0.6f, {0.4f, 0.35f, 0.3f});
+        uint32_t glow = e.scene.material({0.5f, 0.5f, 0.5f}, 0.6f, 0, {0.4f, 0.35f, 0.3f});
         e.scene.rectangle(0.3f, 0.9f, 1.7f, -0.5f, 0.5f, glow, true);
         LightDef d = lampDef("pendant", {-1.3f, 0.5f, 0.6f}, 400);
         d.radius = 0.2f;

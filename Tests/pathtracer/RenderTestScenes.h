@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qv::testscenes {
@@ -49,6 +50,13 @@ struct SceneMaker {
         triangle(a, b, c, mat);
         triangle(a, c, d, mat);
     }
+    // A horizontal rectangle at height y, facing up (or down).
+    void rectangle(float y, float x0, float x1, float z0, float z1, uint32_t mat, bool down = false) {
+        float3 a{x0, y, z0}, b{x1, y, z0}, c{x1, y, z1}, d{x0, y, z1};
+        if (down) quad(a, b, c, d, mat);
+        else quad(a, d, c, b, mat);
+    }
+    void lamp(LightDef d) { scene.lights.push_back(std::move(d)); }
     void finish() {
         float3 lo{1e30f, 1e30f, 1e30f}, hi{-1e30f, -1e30f, -1e30f};
         for (float3 p : model.positions) {
@@ -59,6 +67,16 @@ struct SceneMaker {
         model.boundsMax = model.coreBoundsMax = hi;
     }
 };
+
+// A lamp of the given kind at 4000 K; the caller sets its shape.
+inline LightDef lampDef(const char* kind, std::vector<float> position, float lumens) {
+    LightDef d;
+    d.kind = kind;
+    d.position = std::move(position);
+    d.lumens = lumens;
+    d.kelvin = 4000;
+    return d;
+}
 
 inline CameraDef camera(float3 eye, float3 target, float fovDeg) {
     CameraDef c;
