@@ -19,7 +19,8 @@ public:
     // both nearest-hit queries of a path segment.
     SceneTracer(const RayQuery* opaqueAS, const RayQuery* auxAS, const RayQuery* glassAS,
                 const RayQuery* nearestAS = nullptr)
-        : op_(opaqueAS), aux_(auxAS), glass_(glassAS), nearest_(nearestAS) {}
+        : op_(opaqueAS), aux_(auxAS), glass_(glassAS), nearest_(nearestAS),
+          nearestAuxFirst_(nearestAS ? nearestAS->firstTriangleOfSet(1) : 0u) {}
 
     NearestHit nearest(float3 o, float3 d) const {
         NearestHit n;
@@ -33,7 +34,7 @@ public:
         if (!r.hit()) return n;
         n.aux = r.set != 0;
         n.hit.t = r.t;
-        n.hit.prim = n.aux ? r.prim - nearest_->firstTriangleOfSet(1) : r.prim;
+        n.hit.prim = n.aux ? r.prim - nearestAuxFirst_ : r.prim;
         n.hit.u = r.u;
         n.hit.v = r.v;
         return n;
@@ -92,6 +93,7 @@ private:
     const RayQuery* aux_;
     const RayQuery* glass_;
     const RayQuery* nearest_;
+    uint32_t nearestAuxFirst_; // the first auxiliary triangle in nearest_'s numbering
 };
 
 } // namespace qv

@@ -89,6 +89,15 @@ struct LightChoice {
     float pmf = 0;  // probability of the choice
 };
 
+// x^p for a lamp's falloff exponent: lamps mostly have p = 1 (a plain
+// Lambertian panel) or 2, so those powers are taken exactly without a call.
+QV_KERNEL float lampPow(float x, float p) {
+    if (p == 0.0f) return 1.0f;
+    if (p == 1.0f) return x;
+    if (p == 2.0f) return x * x;
+    return std::pow(x, p);
+}
+
 QV_KERNEL float3 lightCentre(const GPULight& L) { return xyz(L.posType); }
 QV_KERNEL float3 lightNormal(const GPULight& L) { return xyz(L.normalRadius); }
 QV_KERNEL int lightType(const GPULight& L) { return int(std::floor(L.posType.w + 0.5f)); }
@@ -110,7 +119,7 @@ QV_KERNEL float lightWeight(const GPULight& L, float3 x, float3 n) {
         if (side <= 0.0f) return 0.0f;
         float cosL = clampf(side * invDist + sinA, 0.02f, 1.0f);
         float p = L.vExp.w;
-        emit = p == 1.0f ? cosL : std::pow(cosL, p);
+        emit = lampPow(cosL, p);
     }
     return L.radiance.w * emit * std::fmin(recv, 1.0f) / std::fmax(d2, r * r);
 }
@@ -389,7 +398,7 @@ QV_KERNEL LightSample areaLightTail(const GPULight& L, float3 x, float3 y, float
     ls.dist = dist;
     if constexpr (kRadiance) {
         float p = L.vExp.w;
-        ls.Le = xyz(L.radiance) * (p == 1.0f ? 1.0f : std::pow(cosL, p - 1.0f));
+        ls.Le = xyz(L.radiance) * lampPow(cosL, p - 1.0f);
     }
     ls.pdf = areaPdf * d2 / cosL;
     return ls;
@@ -470,7 +479,7 @@ QV_KERNEL float3 lightLe(const GPULight& L, float3 dir) {
     float c = -dot(dir, lightNormal(L));
     if (c <= 0.0f) return float3{};
     float p = L.vExp.w;
-    return xyz(L.radiance) * (p == 1.0f ? 1.0f : std::pow(c, p - 1.0f));
+    return xyz(L.radiance) * lampPow(c, p - 1.0f);
 }
 
 // ---- Emissive triangles ----------------------------------------------------
