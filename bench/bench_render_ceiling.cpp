@@ -1,13 +1,14 @@
-// How close the path tracer comes to the ray-query layer's own speed. First a
-// short render with the light-sampling counters on measures the path shape of
-// a view: scattering vertices per path and, per vertex, the sun, sky, lamp and
-// emissive shadow rays traced. Then the same camera rays are traced with ray
-// queries alone, in that shape: at every vertex the nearest-hit query the
-// kernel makes (one traversal over opaque, glass and fittings), the same
-// number of shadow rays of each kind (long rays toward the sky and sun, short
-// ones toward the centres of lamps the vertex's grid cell lists and of
-// emissive triangles), a cosine bounce, and no
-// shading, no light choice and no accumulation. The ratio of the two rates
+// How close the path tracer comes to the ray-query layer's own speed. The
+// renderer first renders the view (its rate), then one more sample with the
+// light-sampling counters on gives the path shape: scattering vertices per
+// path and, per vertex, the sun, sky, lamp and emissive shadow rays traced.
+// Then the same camera rays are traced with ray queries alone, in that shape:
+// at every vertex the nearest-hit query the kernel makes (one traversal over
+// opaque, glass and fittings), the same number of shadow rays of each kind
+// (long rays toward the sky and sun, short ones toward the centre of a lamp
+// the vertex's grid cell lists and of an emissive triangle, with the glass
+// step of a clear shadow ray), a cosine bounce, and nothing else: no
+// materials, no light weights, no accumulation. The ratio of the two rates
 // says how much of the render the shading costs.
 //   bench_render_ceiling [camera=Living] [day|dusk|night] [spp=4] [WxH=1280x720]
 #include "BenchView.h"
