@@ -340,6 +340,33 @@ QV_KERNEL void emissiveNee(const KernelContext<Tracer>& k, const PathSwitches& s
     addC(L, beta * e.f * std::fabs(l.z) * es.Le * T * (w / pl), doClamp, sw.clampLum, bad);
 }
 
+// Should a segment end on an opaque surface, that vertex's sky sample uses
+// the random numbers after the sun's two: its tables can start loading
+// before the segment is traced (first stage) and once it is (second stage).
+struct SkyAhead {
+    bool on = false;
+    uint32_t row = 0;
+    float u1 = 0.0f;
+};
+
+QV_KERNEL SkyAhead startSkyPrefetch(const SceneData& s, const GPUUniforms& u, const PathSwitches& sw, uint32_t seed) {
+    SkyAhead a;
+    if (!sw.skyNee || !s.skyColGuide) return a;
+    if (sw.sunNee) {
+        rnd(seed);
+        rnd(seed);
+    }
+    float u0 = rnd(seed);
+    a.u1 = rnd(seed);
+    a.row = prefetchSkyRow(s.skyRowCdf, s.skyRowGuide, s.skyColGuide, u.counts.w, u0, a.u1);
+    a.on = true;
+    return a;
+}
+
+QV_KERNEL void finishSkyPrefetch(const SceneData& s, const GPUUniforms& u, const SkyAhead& a) {
+    if (a.on) prefetchSkyColumns(s.skyColCdf, s.skyColGuide, u.counts.z, a.row, a.u1);
+}
+
 QV_KERNEL bool russianRoulette(float3& beta, uint32_t depth, uint32_t rrDepth, uint32_t& seed) {
     if (depth < rrDepth) return true;
     float q = std::fmin(maxComp(beta), 0.95f);
@@ -372,25 +399,10 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
     bool bad = false;
 
     for (int iter = 0; iter < PATH_MAX_ITERATIONS; ++iter) {
-        // Should this segment end on a surface, its sky sample will use the
-        // numbers after the sun's two: start loading its tables while the
-        // ray is traced.
-        const bool skyAhead = sw.skyNee && s.skyColGuide;
-        uint32_t skyRow = 0;
-        float skyU1 = 0.0f;
-        if (skyAhead) {
-            uint32_t ahead = seed;
-            if (sw.sunNee) {
-                rnd(ahead);
-                rnd(ahead);
-            }
-            float u0 = rnd(ahead);
-            skyU1 = rnd(ahead);
-            skyRow = prefetchSkyRow(s.skyRowCdf, s.skyRowGuide, s.skyColGuide, u.counts.w, u0, skyU1);
-        }
+        const SkyAhead skyAhead = startSkyPrefetch(s, u, sw, seed);
         KernelHit hOp, hAux;
         const bool opKnown = traceSegment(k.tr, o, d, hOp, hAux);
-        if (skyAhead) prefetchSkyColumns(s.skyColCdf, s.skyColGuide, u.counts.z, skyRow, skyU1);
+        finishSkyPrefetch(s, u, skyAhead);
         // And the light grid's cell record, from the hit distance alone (the
         // normal comes later; a point near a cell boundary may load the
         // neighbour's, which costs nothing but the load).
