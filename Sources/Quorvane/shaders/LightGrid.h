@@ -124,6 +124,19 @@ QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULigh
 
 constexpr uint32_t LIGHT_BAKE_MAX_POINTS = 255;
 
+// How many of n shadow rays arrive: opaque occlusion for all of them at once,
+// then the glass along each unblocked one (frosted panes block).
+template <class Tracer>
+QV_KERNEL uint32_t lightBakeReached(const SceneData& s, const Tracer& tr, const KernelRay* rays, uint32_t n,
+                                    uint8_t* blocked) {
+    if (n == 0u) return 0u;
+    tr.opaqueOccludedMany(rays, n, blocked);
+    uint32_t reached = 0;
+    for (uint32_t i = 0; i < n; ++i)
+        if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
+    return reached;
+}
+
 // All R points of one cell in one invocation, for processors that trace rays
 // faster in bundles: the same counts as R invocations of lightGridBake (every
 // point draws the same random numbers in the same order), but the shadow rays
@@ -166,12 +179,7 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
             if (!isValid(ls)) continue;
             rays[n++] = KernelRay{points[i], ls.dir, std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f)};
         }
-        if (n == 0u) continue;
-        tr.opaqueOccludedMany(rays, n, blocked);
-        uint32_t reached = 0;
-        for (uint32_t i = 0; i < n; ++i)
-            if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
-        row[li] += reached;
+        row[li] += lightBakeReached(s, tr, rays, n, blocked);
     }
 
     const uint32_t emCount = bp.info.y;
@@ -182,12 +190,7 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
         EmissiveSample es = sampleEmissive(s, emCount, points[i], u);
         if (es.pdf > 0.0f && es.dist > 1e-5f) rays[n++] = KernelRay{points[i], es.dir, es.dist * 0.999f};
     }
-    if (n == 0u) return;
-    tr.opaqueOccludedMany(rays, n, blocked);
-    uint32_t reached = 0;
-    for (uint32_t i = 0; i < n; ++i)
-        if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
-    row[lightCount] += reached;
+    row[lightCount] += lightBakeReached(s, tr, rays, n, blocked);
 }
 
 } // namespace qv
