@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -276,26 +275,24 @@ std::vector<uint32_t> listedLamps(const SceneData& s, int cell) {
     return out;
 }
 
+// Baked once for the tests below and kept for the life of the program.
+struct BakedRooms {
+    TwoRooms rooms = twoRooms();
+    GeometryBuild geometry = geometryOf(rooms);
+    LightGrid grid = *bakeLightGrid(geometry, rooms.model.coreBoundsMin, rooms.model.coreBoundsMax, rooms.settings);
+};
+
 class TwoRoomGrid : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        rooms_ = new TwoRooms(twoRooms());
-        geometry_ = new GeometryBuild(geometryOf(*rooms_));
-        grid_ = new LightGrid(*bakeLightGrid(*geometry_, rooms_->model.coreBoundsMin, rooms_->model.coreBoundsMax,
-                                             rooms_->settings));
+    static const BakedRooms& baked() {
+        static const BakedRooms* b = new BakedRooms;
+        return *b;
     }
-    static void TearDownTestSuite() {
-        delete grid_;
-        delete geometry_;
-        delete rooms_;
-    }
-    static TwoRooms* rooms_;
-    static GeometryBuild* geometry_;
-    static LightGrid* grid_;
+    const TwoRooms* rooms_ = &baked().rooms;
+    const GeometryBuild* geometry_ = &baked().geometry;
+    const LightGrid* grid_ = &baked().grid;
+    const SceneData s = sceneWith(*geometry_, *grid_);
 };
-TwoRooms* TwoRoomGrid::rooms_ = nullptr;
-GeometryBuild* TwoRoomGrid::geometry_ = nullptr;
-LightGrid* TwoRoomGrid::grid_ = nullptr;
 
 TEST_F(TwoRoomGrid, BoxCoversTheLampsAndStaysNearTheHouse) {
     std::optional<LightGridBox> box =
@@ -304,12 +301,9 @@ TEST_F(TwoRoomGrid, BoxCoversTheLampsAndStaysNearTheHouse) {
     // Emitters x 1.0..6.2 and z 1.0..2.0 widened by 2 m, clipped to the
     // house (0..8 by 0..4) widened by 0.75 m; from the ground to 0.5 m above
     // the panel at 2.98 m.
-    EXPECT_FLOAT_EQ(box->lo.x, -0.75f);
-    EXPECT_FLOAT_EQ(box->hi.x, 8.2f);
-    EXPECT_FLOAT_EQ(box->lo.y, -0.1f);
-    EXPECT_FLOAT_EQ(box->hi.y, 3.48f);
-    EXPECT_FLOAT_EQ(box->lo.z, -0.75f);
-    EXPECT_FLOAT_EQ(box->hi.z, 4.0f);
+    const std::pair<float, float> sides[] = {{box->lo.x, -0.75f}, {box->hi.x, 8.2f},  {box->lo.y, -0.1f},
+                                             {box->hi.y, 3.48f},  {box->lo.z, -0.75f}, {box->hi.z, 4.0f}};
+    for (const auto& [got, want] : sides) EXPECT_FLOAT_EQ(got, want);
     const GPULightGridParams& p = grid_->params;
     EXPECT_EQ(p.origin, (float4{-0.75f, -0.1f, -0.75f, 0.5f}));
     EXPECT_EQ(p.dims, (uint4{18, 8, 10, 18 * 8 * 10}));
@@ -319,7 +313,6 @@ TEST_F(TwoRoomGrid, BoxCoversTheLampsAndStaysNearTheHouse) {
 }
 
 TEST_F(TwoRoomGrid, EachRoomListsOnlyItsOwnLamp) {
-    SceneData s = sceneWith(*geometry_, *grid_);
     const uint32_t left = lampNear(*geometry_, {1.8f, 2, 2}), right = lampNear(*geometry_, {6.2f, 2, 2});
     ASSERT_NE(left, right);
     const float3 leftPoints[] = {{0.5f, 0.4f, 0.5f}, {2.5f, 1.2f, 3.2f}, {3.2f, 2.6f, 1.0f}};
@@ -340,7 +333,6 @@ TEST_F(TwoRoomGrid, EachRoomListsOnlyItsOwnLamp) {
 }
 
 TEST_F(TwoRoomGrid, CellInsideTheWallIsUnknownAndUsesTheTree) {
-    SceneData s = sceneWith(*geometry_, *grid_);
     // Cell x in [3.75, 4.25] lies wholly inside the block [3.5, 4.5].
     const float3 p{4.0f, 1.2f, 2.2f};
     const GPULightGridParams& g = grid_->params;
@@ -355,7 +347,6 @@ TEST_F(TwoRoomGrid, CellInsideTheWallIsUnknownAndUsesTheTree) {
 }
 
 TEST_F(TwoRoomGrid, BakeInBundlesCountsExactlyLikeOnePointPerInvocation) {
-    SceneData s = sceneWith(*geometry_, *grid_);
     SceneTracer tracer(geometry_->opAS.get(), geometry_->auxAS.get(), geometry_->glassAS.get());
     const uint32_t slots = geometry_->lightCount + 1;
     // Cells in both rooms, in the wall and at the floor; R with and without a remainder after the strata.
@@ -380,7 +371,6 @@ TEST_F(TwoRoomGrid, BakeInBundlesCountsExactlyLikeOnePointPerInvocation) {
 // lost mass is the defensive branch's picks of listed lamps, and the
 // frequencies of chooseLight follow lightChoicePmf.
 TEST_F(TwoRoomGrid, LampChoiceWithTheBakedListsIsUnbiased) {
-    SceneData s = sceneWith(*geometry_, *grid_);
     const float eps = s.grid.params.x;
     struct Receiver {
         float3 x, n;
