@@ -57,23 +57,24 @@ LightDef lamp(std::string kind, std::vector<float> position = {0, 2.5f, 0}) {
     return d;
 }
 
+LightDef with(LightDef d, auto edit) {
+    edit(d);
+    return d;
+}
+
 TEST(LightPhotometry, EveryKindIntegratesBackToItsLumens) {
-    LightDef pendant = lamp("pendant");
-    LightDef downlight = lamp("downlight");
-    downlight.lumens = 950;
-    downlight.kelvin = 2700;
-    LightDef spot = lamp("wall");
-    spot.direction = std::vector<float>{1, -1, 0};
-    spot.coneDeg = 40;
-    LightDef lambert = lamp("vanity");
-    lambert.direction = std::vector<float>{0, 0, 1};
-    LightDef strip = lamp("strip");
-    strip.end = std::vector<float>{2, 2.5f, 0};
-    strip.lumensPerM = 500;
-    strip.direction = std::vector<float>{0, -1, 0.2f};
-    strip.kelvin = 6500;
-    LightDef exterior = lamp("exterior");
-    LightBuild b = buildLamps({pendant, downlight, spot, lambert, strip, exterior});
+    LightBuild b = buildLamps({
+        lamp("pendant"),
+        with(lamp("downlight"), [](LightDef& d) { d.lumens = 950, d.kelvin = 2700; }),
+        with(lamp("wall"), [](LightDef& d) { d.direction = std::vector<float>{1, -1, 0}, d.coneDeg = 40; }),
+        with(lamp("vanity"), [](LightDef& d) { d.direction = std::vector<float>{0, 0, 1}; }),
+        with(lamp("strip"),
+             [](LightDef& d) {
+                 d.end = std::vector<float>{2, 2.5f, 0}, d.lumensPerM = 500;
+                 d.direction = std::vector<float>{0, -1, 0.2f}, d.kelvin = 6500;
+             }),
+        lamp("exterior"),
+    });
     ASSERT_TRUE(gBuildLog.empty()) << gBuildLog.front();
     ASSERT_EQ(b.lights.size(), 6u);
     double sumExtra = 0;
@@ -96,10 +97,7 @@ TEST(LightPhotometry, ConeAngleSetsTheExponent) {
     // Intensity at half the cone angle is half the peak: cos(cone/2)^p = 1/2.
     EXPECT_NEAR(std::pow(std::cos(20 * PI / 180), discExponentForCone(40)), 0.5, 1e-5);
 
-    LightDef downlight = lamp("Downlight");
-    LightDef lambert = lamp("recessed");
-    lambert.coneDeg = 180;
-    LightBuild b = buildLamps({downlight, lambert});
+    LightBuild b = buildLamps({lamp("Downlight"), with(lamp("recessed"), [](LightDef& d) { d.coneDeg = 180; })});
     ASSERT_EQ(b.lights.size(), 2u);
     EXPECT_NEAR(b.lights[0].vExp.w, 1.5684f, 1e-4f);
     EXPECT_EQ(b.lights[1].vExp.w, 1.0f);
@@ -107,12 +105,9 @@ TEST(LightPhotometry, ConeAngleSetsTheExponent) {
 }
 
 TEST(LightPhotometry, StripFluxFromLengthUnlessLumensAreGiven) {
-    LightDef perMetre = lamp("strip", {0, 2, 0});
-    perMetre.end = std::vector<float>{0, 2, 2};
-    perMetre.lumensPerM = 500;
-    LightDef explicitFlux = perMetre;
-    explicitFlux.lumens = 123;
-    LightBuild b = buildLamps({perMetre, explicitFlux});
+    const LightDef perMetre =
+        with(lamp("strip", {0, 2, 0}), [](LightDef& d) { d.end = std::vector<float>{0, 2, 2}, d.lumensPerM = 500; });
+    LightBuild b = buildLamps({perMetre, with(perMetre, [](LightDef& d) { d.lumens = 123; })});
     ASSERT_EQ(b.lights.size(), 2u);
     EXPECT_EQ(b.lights[0].extra.y, 1000.0f);
     EXPECT_EQ(b.lights[1].extra.y, 123.0f);
@@ -130,10 +125,6 @@ struct WarningCase {
 };
 
 TEST(LightRepairs, BadDefinitionsAreRepairedOrSkippedWithOneLine) {
-    auto with = [](LightDef d, auto edit) {
-        edit(d);
-        return d;
-    };
     const WarningCase cases[] = {
         {"short position", with(lamp("pendant", {1, 2}), [](LightDef& d) { d.id = "p1"; }),
          {"warning: light 0 (p1) skipped: position must be 3 finite numbers"}, 0},
@@ -181,14 +172,12 @@ TEST(LightRepairs, BadDefinitionsAreRepairedOrSkippedWithOneLine) {
 }
 
 TEST(LightProxies, ProxiesFaceOutAndEncloseTheirEmitters) {
-    LightDef pendant = lamp("pendant", {1, 2, 3});
-    pendant.radius = 0.2f;
-    LightDef downlight = lamp("downlight", {-2, 2.7f, 0});
-    downlight.direction = std::vector<float>{0.2f, -1, 0.1f};
-    LightDef strip = lamp("strip", {0, 1, -4});
-    strip.end = std::vector<float>{1, 1.5f, -4};
-    strip.direction = std::vector<float>{0, 0, 1};
-    LightBuild b = buildLamps({pendant, downlight, strip});
+    LightBuild b = buildLamps({
+        with(lamp("pendant", {1, 2, 3}), [](LightDef& d) { d.radius = 0.2f; }),
+        with(lamp("downlight", {-2, 2.7f, 0}), [](LightDef& d) { d.direction = std::vector<float>{0.2f, -1, 0.1f}; }),
+        with(lamp("strip", {0, 1, -4}),
+             [](LightDef& d) { d.end = std::vector<float>{1, 1.5f, -4}, d.direction = std::vector<float>{0, 0, 1}; }),
+    });
     ASSERT_EQ(b.lights.size(), 3u);
     ASSERT_EQ(b.triLight.size() * 3, b.indices.size());
     EXPECT_EQ(b.triLight.size(), 320u + 24u + 2u);
@@ -375,15 +364,10 @@ TEST(LightTreeSelection, ProbabilitiesSumToOneAndFavourNearBrightLamps) {
         EXPECT_NEAR(sum, 1.0, 1e-5) << "at " << x.x << ", " << x.y << ", " << x.z;
     }
     // Two equal pendants, one close, one across the house; and a bright one next to a dim one.
-    LightDef nearLamp = lamp("pendant", {1, 2.5f, 1}), farLamp = lamp("pendant", {19, 2.5f, 11});
     std::vector<LightDef> lamps = scatteredLamps(40, 3);
-    lamps.push_back(nearLamp);
-    lamps.push_back(farLamp);
-    LightDef bright = lamp("pendant", {10, 2.6f, 6}), dim = lamp("pendant", {10.2f, 2.6f, 6});
-    bright.lumens = 5000;
-    dim.lumens = 50;
-    lamps.push_back(bright);
-    lamps.push_back(dim);
+    lamps.insert(lamps.end(), {lamp("pendant", {1, 2.5f, 1}), lamp("pendant", {19, 2.5f, 11}),
+                               with(lamp("pendant", {10, 2.6f, 6}), [](LightDef& d) { d.lumens = 5000; }),
+                               with(lamp("pendant", {10.2f, 2.6f, 6}), [](LightDef& d) { d.lumens = 50; })});
     LightBuild s = buildLamps(lamps);
     auto indexOf = [&](float3 c) {
         for (uint32_t i = 0; i < s.lights.size(); ++i)
