@@ -3,6 +3,7 @@
 // limit, and no PNG when the run fails.
 #include "cli/HeadlessCLI.h"
 #include "support/GLBWriter.h"
+#include "support/ScratchDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -85,17 +86,13 @@ std::pair<int, int> pngSize(const fs::path& path) {
     return size;
 }
 
-class HeadlessStill : public ::testing::Test {
+class HeadlessStill : public testing_support::ScratchDirTest {
 protected:
-    fs::path dir;
+    HeadlessStill() : ScratchDirTest("qv_still_") {}
     void SetUp() override {
-        dir = fs::temp_directory_path() /
-              ("qv_still_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
+        ScratchDirTest::SetUp();
         writeScene(dir);
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     CLIOptions options(int64_t w, int64_t h, int64_t spp) const {
         CLIOptions o;

@@ -3,6 +3,7 @@
 #include "cli/CameraList.h"
 #include "cli/HeadlessCLI.h"
 #include "ProgramRun.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 
@@ -62,17 +63,13 @@ void writeTriangleGLB(const fs::path& path) {
     std::ofstream(path, std::ios::binary) << glb;
 }
 
-class ListCamerasRun : public ::testing::Test {
+class ListCamerasRun : public testing_support::ScratchDirTest {
 protected:
-    fs::path dir;
+    ListCamerasRun() : ScratchDirTest("qv_list_") {}
     void SetUp() override {
-        dir = fs::temp_directory_path() /
-              ("qv_list_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
+        ScratchDirTest::SetUp();
         writeTriangleGLB(dir / "house.glb");
     }
-    void TearDown() override { fs::remove_all(dir); }
     std::vector<std::string> run(CLIOptions o) {
         std::vector<std::string> lines;
         o.headless = true;
