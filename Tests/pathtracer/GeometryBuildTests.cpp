@@ -17,16 +17,14 @@ namespace {
 struct ModelMaker {
     LoadedModel model;
 
-    uint32_t material(const std::string& name, auto edit) {
+    template <class Edit = void (*)(ModelMaterial&)>
+    uint32_t material(const std::string& name, Edit edit = [](ModelMaterial&) {}) {
         ModelMaterial m;
         m.name = name;
         m.metallic = 0;
         edit(m);
         model.materials.push_back(m);
         return static_cast<uint32_t>(model.materials.size() - 1);
-    }
-    uint32_t material(const std::string& name) {
-        return material(name, [](ModelMaterial&) {});
     }
     uint16_t role(const std::string& name) {
         if (name.empty()) return 0;
@@ -110,8 +108,7 @@ TEST(GeometryRays, OpaqueGlassAndProxiesAreHitInTheirStructures) {
     Ray toPane{{0, 1, 0.5f}, {1, 0, 0}};
     RayHit glassHit = g.auxAS->intersect(toPane);
     ASSERT_TRUE(glassHit.hit());
-    EXPECT_EQ(g.auxInfo[glassHit.prim].x, AUX_GLASS);
-    EXPECT_EQ(g.auxInfo[glassHit.prim].y, pane);
+    EXPECT_EQ(std::make_tuple(g.auxInfo[glassHit.prim].x, g.auxInfo[glassHit.prim].y), std::make_tuple(AUX_GLASS, pane));
     EXPECT_NEAR(glassHit.t, 3.0f, 1e-5f);
     RayHit glassOnly = g.glassAS->intersect(toPane);
     ASSERT_TRUE(glassOnly.hit());
@@ -150,8 +147,7 @@ TEST(GeometryRays, WithoutGlassOrLightsTheAuxiliarySetIsOnePlaceholder) {
     m.floorSquare(0, 0, 0, 1, m.material("floor"));
     Built b = build(m.model);
     const GeometryBuild& g = b.g;
-    EXPECT_EQ(g.glassTriangles, 0u);
-    ASSERT_EQ(g.auxTriangles, 1u);
+    ASSERT_EQ(std::make_tuple(g.glassTriangles, g.auxTriangles), std::make_tuple(0u, 1u));
     EXPECT_EQ(std::make_tuple(g.auxInfo[0].x, g.auxInfo[0].y), std::make_tuple(2u, 0u));
     EXPECT_EQ(g.auxPos[0].y, -10000.0f);
     EXPECT_EQ(g.glassAS.get(), g.auxAS.get());
@@ -177,8 +173,7 @@ TEST(GeometryGround, GroundPlaneSurvivesEveryCutAndTakesLawnGrass) {
     EXPECT_TRUE(g.groundFromModel);
     EXPECT_EQ(g.groundAlbedo, (float3{0.2f, 0.98f, 0.01f}));
     ASSERT_EQ(g.materials.size(), 2u);
-    EXPECT_EQ(g.materials[1].params.x, 0.95f);
-    EXPECT_EQ(g.materials[1].params.w, 2.0f);
+    EXPECT_EQ(std::make_tuple(g.materials[1].params.x, g.materials[1].params.w), std::make_tuple(0.95f, 2.0f));
     RayHit ground = g.opAS->intersect(Ray{{2000, 10, -2500}, {0, -1, 0}});
     ASSERT_TRUE(ground.hit());
     EXPECT_NEAR(ground.t, 10.09f, 1e-4f);
@@ -308,10 +303,8 @@ TEST(GeometryClip, ClippedPolygonKeepsWindingAndInterpolates) {
                                {{0, 4, 0}, {0, 1, 0}, {0, 1}}};
     ClippedPolygon quad = clipTriangleBelow(tri, 1);
     ASSERT_EQ(quad.count, 4);
-    EXPECT_FALSE(quad.isNew[0]);
-    EXPECT_EQ(quad.corner[1], 1);
-    EXPECT_TRUE(quad.isNew[2]);
-    EXPECT_EQ(quad.v[2].position.y, 1.0f);
+    EXPECT_EQ(std::make_tuple(quad.isNew[0], quad.corner[1], quad.isNew[2], quad.v[2].position.y),
+              std::make_tuple(false, 1, true, 1.0f));
     EXPECT_NEAR(quad.v[2].position.x, 1.5f, 1e-6f);
     EXPECT_NEAR(quad.v[2].uv.x, 0.75f, 1e-6f);
     EXPECT_NEAR(quad.v[2].uv.y, 0.25f, 1e-6f);
@@ -357,10 +350,8 @@ TEST(GeometryMaterials, PackingRules) {
     const float lum = 0.2126f * 0.2f + 0.7152f * 0.8f + 0.0722f * 0.4f;
     EXPECT_NEAR(b.baseColor.x, lum + (0.2f - lum) * 0.25f, 1e-6f);
     EXPECT_NEAR(b.baseColor.y, lum + (0.8f - lum) * 0.25f, 1e-6f);
-    EXPECT_EQ(b.params.w, 3.0f);
     EXPECT_EQ(b.extra.x, -1.0f) << "glass never samples a texture";
-    EXPECT_EQ(b.extra.y, 0.3f);
-    EXPECT_EQ(b.emission.x, 500.0f);
+    EXPECT_EQ(std::make_tuple(b.params.w, b.extra.y, b.emission.x), std::make_tuple(3.0f, 0.3f, 500.0f));
     glass.baseColor[3] = 0.9995f;
     EXPECT_FALSE(isGlassMaterial(glass));
     glass.transmission = 0.02f;
@@ -384,9 +375,8 @@ TEST(GeometryEmissive, TableWeightsFlipsAndSides) {
     Built b = build(m.model);
     const GeometryBuild& g = b.g;
     ASSERT_EQ(g.emissiveCount, 2u);
-    EXPECT_EQ(g.emTris[0].tri, 0u);
-    EXPECT_EQ(g.emTris[0].flags, EM_FLIP | EM_TWO_SIDED);
-    EXPECT_EQ(g.emTris[1].flags, 0u);
+    EXPECT_EQ(std::make_tuple(g.emTris[0].tri, g.emTris[0].flags, g.emTris[1].flags),
+              std::make_tuple(0u, EM_FLIP | EM_TWO_SIDED, 0u));
     EXPECT_EQ(std::make_tuple(g.opInfo[0].y, g.opInfo[1].y, g.opInfo[2].y, g.opInfo[3].y),
               std::make_tuple(0u, 1u, NO_EMISSIVE, NO_EMISSIVE));
     // Weights: 2 x 0.5 m2 x 1 against 1 x 1 m2 x 0.5.
@@ -404,8 +394,7 @@ TEST(GeometryEmissive, TableWeightsFlipsAndSides) {
     RenderSettings dark;
     dark.emissiveNits = 0;
     Built none = build(m.model, {}, dark);
-    EXPECT_EQ(none.g.emissiveCount, 0u);
-    EXPECT_TRUE(none.g.emCdf.empty());
+    EXPECT_EQ(std::make_tuple(none.g.emissiveCount, none.g.emCdf.size()), std::make_tuple(0u, size_t(0)));
     for (const uint2& info : none.g.opInfo) EXPECT_EQ(info.y, NO_EMISSIVE);
 }
 
@@ -422,8 +411,7 @@ TEST(GeometryFilters, HiddenMaterialsRoomsAndLightScale) {
     s.disabledRooms = {"Kitchen", ""};
     s.lightScale = 2;
     Built b = build(m.model, scene, s);
-    EXPECT_EQ(b.g.hiddenTriangles, 2);
-    EXPECT_EQ(b.g.opaqueTriangles, 4u);
+    EXPECT_EQ(std::make_tuple(b.g.hiddenTriangles, b.g.opaqueTriangles), std::make_tuple(2, 4u));
     ASSERT_EQ(b.g.lightCount, 1u);
     EXPECT_NEAR(b.g.lights[0].posType.x, 3.0f, 1e-6f);
     EXPECT_NEAR(b.g.lights[0].radiance.w, 2 * 600 / (4 * PI), 1e-3f);
