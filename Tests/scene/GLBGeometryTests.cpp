@@ -45,6 +45,17 @@ GLBWriter nestedChain(int depth) {
     return w;
 }
 
+// One triangle whose three vertices carry the same file normal, drawn by one node with the given fields.
+LoadedModel withNormal(const std::vector<float3>& corners, float3 normal, const Json& node) {
+    GLBWriter w;
+    Json prim = GLBWriter::primitive(w.addPositions(corners));
+    prim["attributes"]["NORMAL"] = w.addNormals({normal, normal, normal});
+    Json n = node;
+    n["mesh"] = w.addMesh(Json{{"primitives", {prim}}});
+    w.setScene({w.addNode(n)});
+    return loadWritten(w).model;
+}
+
 TEST(GLBGeometry, TransformsBoundsAndCounts) {
     const GeometryCase cases[] = {
         {"no scene and no nodes: meshes untransformed",
@@ -269,15 +280,7 @@ TEST(GLBGeometry, MirroringTransformsKeepTrianglesFacingTheFileWay) {
                              Json{{"matrix", {-1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}}},
                              Json{{"scale", {1, 1, 1}}}}) {
         SCOPED_TRACE(node.dump());
-        GLBWriter w;
-        const int pos = w.addPositions(unitTriangle());
-        const int nrm = w.addNormals({{0, 0, 1}, {0, 0, 1}, {0, 0, 1}});
-        Json prim = GLBWriter::primitive(pos);
-        prim["attributes"]["NORMAL"] = nrm;
-        Json n = node;
-        n["mesh"] = w.addMesh(Json{{"primitives", {prim}}});
-        w.setScene({w.addNode(n)});
-        const LoadedModel m = loadWritten(w).model;
+        const LoadedModel m = withNormal(unitTriangle(), {0, 0, 1}, node);
         ASSERT_EQ(m.triangleCount(), 1u);
         const float3 geometric = triangleNormal(m, 0);
         EXPECT_NEAR(geometric.z, 1.0f, 1e-6f);
@@ -303,14 +306,7 @@ TEST(GLBGeometry, NormalsTransformByTheInverseTranspose) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        GLBWriter w;
-        const int pos = w.addPositions({{0, 0, 0}, {0, 0, 1}, {0, 1, 0}});
-        Json prim = GLBWriter::primitive(pos);
-        prim["attributes"]["NORMAL"] = w.addNormals({c.fileNormal, c.fileNormal, c.fileNormal});
-        Json n = c.node;
-        n["mesh"] = w.addMesh(Json{{"primitives", {prim}}});
-        w.setScene({w.addNode(n)});
-        const LoadedModel m = loadWritten(w).model;
+        const LoadedModel m = withNormal({{0, 0, 0}, {0, 0, 1}, {0, 1, 0}}, c.fileNormal, c.node);
         ASSERT_EQ(m.normals.size(), 3u);
         for (int k = 0; k < 3; ++k) EXPECT_NEAR(m.normals[0][k], c.worldNormal[k], 1e-6f) << "axis " << k;
     }
