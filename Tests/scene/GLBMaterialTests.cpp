@@ -12,14 +12,14 @@ namespace {
 
 using Json = nlohmann::json;
 
-LoadedModel materialsOnly(const std::vector<Json>& materials) {
-    GLBWriter w;
-    for (const Json& m : materials) w.addMaterial(m);
-    return loadWritten(w).model;
-}
+// An image size and the size it is capped to.
+struct CapCase {
+    int w, h, expectW, expectH;
+};
 
 TEST(GLBMaterials, FieldsExtensionsAndExtras) {
-    const LoadedModel m = materialsOnly({
+    GLBWriter w;
+    for (const Json& material : std::vector<Json>{
         {{"name", "Glass"},
          {"pbrMetallicRoughness", {{"baseColorFactor", {0.5, 0.25, 1, 0.1}}, {"metallicFactor", 0}, {"roughnessFactor", 0.05}}},
          {"emissiveFactor", {1, 0.5, 0}},
@@ -38,7 +38,9 @@ TEST(GLBMaterials, FieldsExtensionsAndExtras) {
         {{"extras", {{"transmission_roughness", 7}}}, {"extensions", {{"KHR_materials_transmission", {{"transmissionFactor", 2}}}}}},
         {{"extras", {{"transmission_roughness", -1}}}, {"extensions", {{"KHR_materials_ior", {{"ior", 0.5}}}}}},
         {{"name", 12}, {"metallicFactor", 0}, {"doubleSided", 1}, {"alphaCutoff", "0.2"}},
-    });
+    })
+        w.addMaterial(material);
+    const LoadedModel m = loadWritten(w).model;
     ASSERT_EQ(m.materials.size(), 9u);
 
     const ModelMaterial& glass = m.materials[0];
@@ -148,18 +150,9 @@ TEST(GLBTextures, EmbeddedImagesDecodeIntoTextures) {
 }
 
 TEST(GLBTextures, DataURIImagesAndDefaultNames) {
-    const std::vector<uint8_t> png = encodePNG(1, 1, solidRGBA(1, 1, 0, 255, 0));
-    static const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string b64;
-    for (size_t i = 0; i < png.size(); i += 3) {
-        uint32_t v = uint32_t(png[i]) << 16;
-        if (i + 1 < png.size()) v |= uint32_t(png[i + 1]) << 8;
-        if (i + 2 < png.size()) v |= png[i + 2];
-        b64 += alphabet[(v >> 18) & 63];
-        b64 += alphabet[(v >> 12) & 63];
-        b64 += i + 1 < png.size() ? alphabet[(v >> 6) & 63] : '=';
-        b64 += i + 2 < png.size() ? alphabet[v & 63] : '=';
-    }
+    // One opaque green RGBA pixel as a PNG.
+    const std::string b64 =
+        "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR4nGNg+M/wHwAEAQH/cetH5QAAAABJRU5ErkJggg==";
     GLBWriter w;
     w.json["images"] = Json::array({Json{{"uri", "data:image/png;base64," + b64}}});
     w.addTexture({{"source", 0}});
@@ -170,10 +163,7 @@ TEST(GLBTextures, DataURIImagesAndDefaultNames) {
 }
 
 TEST(GLBTextures, LargeImagesAreCappedAt2048) {
-    struct Case {
-        int w, h, expectW, expectH;
-    };
-    for (const Case c : {Case{4096, 1024, 2048, 512}, Case{5000, 3, 2048, 1}, Case{2048, 16, 2048, 16}, Case{7, 2049, 6, 2048}}) {
+    for (const CapCase c : {CapCase{4096, 1024, 2048, 512}, {5000, 3, 2048, 1}, {2048, 16, 2048, 16}, {7, 2049, 6, 2048}}) {
         GLBWriter w;
         w.addImage(encodePNG(c.w, c.h, solidRGBA(c.w, c.h, 10, 20, 30, 255)));
         w.addTexture({{"source", 0}});
@@ -282,26 +272,21 @@ TEST(ImageResample, AveragesInLinearLightWeightedByAlpha) {
 }
 
 TEST(ImageResample, CappedSizeKeepsTheAspectRatio) {
-    struct Case {
-        int w, h, expectW, expectH;
-    };
-    for (const Case c : {Case{4096, 1024, 2048, 512}, Case{2048, 2048, 2048, 2048}, Case{100000, 1, 2048, 1},
-                         Case{3000, 2999, 2048, 2047}, Case{1, 1, 1, 1}}) {
+    for (const CapCase c : {CapCase{4096, 1024, 2048, 512}, {2048, 2048, 2048, 2048}, {100000, 1, 2048, 1},
+                            {3000, 2999, 2048, 2047}, {1, 1, 1, 1}}) {
         const ImageSize s = cappedSize(c.w, c.h);
         EXPECT_EQ(std::pair(s.width, s.height), std::pair(c.expectW, c.expectH)) << c.w << "x" << c.h;
     }
 }
 
 TEST(Base64, DecodesWithOrWithoutPaddingAndRejectsForeignCharacters) {
-    auto text = [](const std::optional<std::vector<uint8_t>>& b) {
-        return b ? std::string(b->begin(), b->end()) : std::string("<none>");
+    const std::pair<const char*, const char*> cases[] = {
+        {"aGVsbG8=", "hello"}, {"aGVsbG8", "hello"}, {"aGk=", "hi"}, {"", ""}, {"aGV sbG8=", "<none>"}, {"a", "<none>"},
     };
-    EXPECT_EQ(text(decodeBase64("aGVsbG8=")), "hello");
-    EXPECT_EQ(text(decodeBase64("aGVsbG8")), "hello");
-    EXPECT_EQ(text(decodeBase64("aGk=")), "hi");
-    EXPECT_EQ(text(decodeBase64("")), "");
-    EXPECT_EQ(text(decodeBase64("aGV sbG8=")), "<none>");
-    EXPECT_EQ(text(decodeBase64("a")), "<none>");
+    for (const auto& [encoded, decoded] : cases) {
+        const auto bytes = decodeBase64(encoded);
+        EXPECT_EQ(bytes ? std::string(bytes->begin(), bytes->end()) : "<none>", decoded) << encoded;
+    }
 }
 
 } // namespace
