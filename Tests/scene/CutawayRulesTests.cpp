@@ -70,11 +70,9 @@ struct SmallHouse {
         model.triMaterial.push_back(material(materialName));
         parts[part].push_back(model.triangleCount() - 1);
     }
-    // A horizontal triangle at height y.
     void flat(const std::string& part, const std::string& roleName, const std::string& mat, float y, float ny) {
         add(part, roleName, mat, {0, y, 0}, {1, y, 0}, {0, y, 1}, ny);
     }
-    // A vertical triangle from y0 to y1.
     void upright(const std::string& part, const std::string& roleName, const std::string& mat, float y0, float y1) {
         add(part, roleName, mat, {0, y0, 0}, {0, y0, 1}, {0, y1, 0}, 0);
     }
@@ -158,6 +156,7 @@ TEST(CutawayViews, ModelWithoutRolesIsOnlyCutByTheGroundFloorView) {
 TEST(CutawayViews, StoreyCutThresholds) {
     const float up[3] = {1, 1, 1};
     const float down[3] = {-1, -1, -1};
+    const float tilted[3] = {-0.5f, -0.5f, -0.5f}; // summing to exactly -1.5 is not "looking down"
     struct Case {
         StoreyOutcome outcome;
         float y[3];
@@ -175,16 +174,13 @@ TEST(CutawayViews, StoreyCutThresholds) {
         {StoreyOutcome::storeyCutDownwardFaces, {2.7f, 2.7f, 2.7f}, down, StoreyVerdict::hideAboveCut},
         {StoreyOutcome::storeyCutDownwardFaces, {2.69f, 2.7f, 2.7f}, down, StoreyVerdict::keep},
         {StoreyOutcome::storeyCutDownwardFaces, {2.75f, 2.75f, 2.75f}, up, StoreyVerdict::keep},
+        {StoreyOutcome::storeyCutDownwardFaces, {2.75f, 2.75f, 2.75f}, tilted, StoreyVerdict::keep},
         {StoreyOutcome::keep, {9, 9, 9}, down, StoreyVerdict::keep},
         {StoreyOutcome::hide, {0, 0, 0}, up, StoreyVerdict::hideRoofCeiling},
     };
     for (const Case& c : cases)
         EXPECT_EQ(applyStoreyOutcome(c.outcome, c.y, c.ny), c.want)
             << static_cast<int>(c.outcome) << " at " << c.y[0] << ", " << c.y[1] << ", " << c.y[2];
-    // Normals summing to exactly -1.5 are not "looking down".
-    const float tilted[3] = {-0.5f, -0.5f, -0.5f};
-    const float y[3] = {2.75f, 2.75f, 2.75f};
-    EXPECT_EQ(applyStoreyOutcome(StoreyOutcome::storeyCutDownwardFaces, y, tilted), StoreyVerdict::keep);
 }
 
 LightDef lampAt(std::vector<float> position, std::optional<std::string> room = {}) {
