@@ -2,6 +2,7 @@
 // out like a source checkout, an installed prefix and a bare directory.
 #include "scene/DefaultSearch.h"
 #include "scene/SceneDescription.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 
@@ -12,28 +13,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class SearchTree : public ::testing::Test {
+class SearchTree : public testing_support::ScratchDirTest {
 protected:
-    fs::path root;
-    void SetUp() override {
-        root = fs::temp_directory_path() /
-               ("qv_search_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(root);
-        fs::create_directories(root);
-    }
-    void TearDown() override { fs::remove_all(root); }
+    SearchTree() : ScratchDirTest("qv_search_") {}
     fs::path touch(const fs::path& relative, const std::string& text = "{}") {
-        fs::path p = root / relative;
+        fs::path p = dir / relative;
         fs::create_directories(p.parent_path());
         std::ofstream(p) << text;
         return p;
     }
-    // A checkout at root/src with the build tree root/src/build/bin.
+    // A checkout at dir/src with the build tree dir/src/build/bin.
     fs::path makePackage() {
         touch("src/CMakeLists.txt", "project(x)");
-        fs::create_directories(root / "src/Sources/Quorvane");
-        fs::create_directories(root / "src/build/bin");
-        return root / "src";
+        fs::create_directories(dir / "src/Sources/Quorvane");
+        fs::create_directories(dir / "src/build/bin");
+        return dir / "src";
     }
 };
 
@@ -60,23 +54,23 @@ TEST_F(SearchTree, ResourcesPreferTheInstalledPrefix) {
     EXPECT_EQ(findResourcesDirectory(package / "build/bin", package), package / "Resources");
     fs::create_directories(package / "build/share/quorvane");
     EXPECT_EQ(findResourcesDirectory(package / "build/bin", package), package / "build/share/quorvane");
-    EXPECT_FALSE(findResourcesDirectory(root / "elsewhere/bin", std::nullopt));
+    EXPECT_FALSE(findResourcesDirectory(dir / "elsewhere/bin", std::nullopt));
 }
 
 TEST_F(SearchTree, LocationsResolveSymbolicLinks) {
     fs::path package = makePackage();
     touch("src/build/bin/quorvane", "");
-    fs::create_directories(root / "links");
-    fs::create_symlink(package / "build/bin/quorvane", root / "links/quorvane");
-    SearchLocations l = searchLocationsFor(root / "links/quorvane", root);
+    fs::create_directories(dir / "links");
+    fs::create_symlink(package / "build/bin/quorvane", dir / "links/quorvane");
+    SearchLocations l = searchLocationsFor(dir / "links/quorvane", dir);
     EXPECT_EQ(l.packageDirectory, package);
 }
 
 TEST_F(SearchTree, DefaultModelOrder) {
     fs::path package = makePackage();
-    SearchLocations l{package, std::nullopt, root / "cwd"};
+    SearchLocations l{package, std::nullopt, dir / "cwd"};
     // Nothing exists: the viewer path beside the package, so the loader names it.
-    EXPECT_EQ(defaultModel(l), (root / "viewer/house.glb").string());
+    EXPECT_EQ(defaultModel(l), (dir / "viewer/house.glb").string());
     // A bundled model wins over the missing viewer model.
     touch("src/Resources/house.glb", "");
     l.resourcesDirectory = package / "Resources";
@@ -84,40 +78,40 @@ TEST_F(SearchTree, DefaultModelOrder) {
     EXPECT_EQ(defaultModel(l), (package / "Resources/house.glb").string());
     // An existing viewer model wins over everything.
     touch("viewer/house.glb", "");
-    EXPECT_EQ(defaultModel(l), (root / "viewer/house.glb").string());
+    EXPECT_EQ(defaultModel(l), (dir / "viewer/house.glb").string());
     // Without a package: the bundled model, else house.glb in the current directory.
-    SearchLocations bare{std::nullopt, package / "Resources", root / "cwd"};
+    SearchLocations bare{std::nullopt, package / "Resources", dir / "cwd"};
     EXPECT_EQ(defaultModel(bare), (package / "Resources/house.glb").string());
     bare.resourcesDirectory.reset();
-    EXPECT_EQ(defaultModel(bare), (root / "cwd/house.glb").string());
+    EXPECT_EQ(defaultModel(bare), (dir / "cwd/house.glb").string());
 }
 
 TEST_F(SearchTree, SceneCandidatesInOrder) {
-    SearchLocations l{root / "pkg", root / "res", root / "cwd"};
+    SearchLocations l{dir / "pkg", dir / "res", dir / "cwd"};
     const std::vector<std::string> expected = {
-        (root / "models/scene.json").string(), (root / "res/sample_scene.json").string(),
-        (root / "pkg/sample_scene.json").string(), (root / "cwd/sample_scene.json").string()};
-    EXPECT_EQ(sceneCandidates((root / "models/house.glb").string(), l), expected);
-    SearchLocations bare{std::nullopt, std::nullopt, root / "cwd"};
+        (dir / "models/scene.json").string(), (dir / "res/sample_scene.json").string(),
+        (dir / "pkg/sample_scene.json").string(), (dir / "cwd/sample_scene.json").string()};
+    EXPECT_EQ(sceneCandidates((dir / "models/house.glb").string(), l), expected);
+    SearchLocations bare{std::nullopt, std::nullopt, dir / "cwd"};
     EXPECT_EQ(sceneCandidates("house.glb", bare),
-              (std::vector<std::string>{"scene.json", (root / "cwd/sample_scene.json").string()}));
+              (std::vector<std::string>{"scene.json", (dir / "cwd/sample_scene.json").string()}));
 }
 
 const std::string kOneCamera = "{cameras: [{name: 'A', eye: [0, 1.5, 0], target: [1, 1.5, 0]}], "
                                "lights: [{position: [0, 2, 0]}, {position: [1, 2, 0], enabled: false}]}";
 
 TEST_F(SearchTree, ResolveTakesTheFirstExistingCandidate) {
-    SearchLocations l{root / "pkg", root / "res", root / "cwd"};
-    const std::string model = (root / "models/house.glb").string();
-    const std::string first = (root / "models/scene.json").string();
+    SearchLocations l{dir / "pkg", dir / "res", dir / "cwd"};
+    const std::string model = (dir / "models/house.glb").string();
+    const std::string first = (dir / "models/scene.json").string();
     struct Step {
         const char* create; // made before resolving
         std::string source;
     };
     const std::vector<Step> steps = {
-        {"cwd/sample_scene.json", (root / "cwd/sample_scene.json").string()},
-        {"pkg/sample_scene.json", (root / "pkg/sample_scene.json").string()},
-        {"res/sample_scene.json", (root / "res/sample_scene.json").string()},
+        {"cwd/sample_scene.json", (dir / "cwd/sample_scene.json").string()},
+        {"pkg/sample_scene.json", (dir / "pkg/sample_scene.json").string()},
+        {"res/sample_scene.json", (dir / "res/sample_scene.json").string()},
     };
     for (const Step& step : steps) {
         touch(step.create, kOneCamera);
@@ -137,12 +131,12 @@ TEST_F(SearchTree, ResolveTakesTheFirstExistingCandidate) {
 }
 
 TEST_F(SearchTree, ResolveFallsBackToGeneratedDefaults) {
-    SearchLocations l{root / "pkg", std::nullopt, root / "cwd"};
+    SearchLocations l{dir / "pkg", std::nullopt, dir / "cwd"};
     std::vector<std::string> lines;
     LoadedModel model;
     model.boundsMin = {-1, 0, -1};
     model.boundsMax = {1, 3, 1};
-    ResolvedScene r = resolveSceneSource(std::nullopt, (root / "house.glb").string(), model,
+    ResolvedScene r = resolveSceneSource(std::nullopt, (dir / "house.glb").string(), model,
                                          [&](std::string_view s) { lines.emplace_back(s); }, l);
     EXPECT_FALSE(r.source);
     EXPECT_EQ(lines, std::vector<std::string>{"scene: no scene.json found - using auto-generated defaults"});
@@ -152,27 +146,27 @@ TEST_F(SearchTree, ResolveFallsBackToGeneratedDefaults) {
 }
 
 TEST_F(SearchTree, NamedSceneMustExist) {
-    SearchLocations l{std::nullopt, std::nullopt, root};
+    SearchLocations l{std::nullopt, std::nullopt, dir};
     touch("scene.json", kOneCamera); // present beside the model, but not the named one
-    const std::string named = (root / "other.json").string();
+    const std::string named = (dir / "other.json").string();
     try {
-        resolveSceneSource(named, (root / "house.glb").string(), LoadedModel{}, {}, l);
+        resolveSceneSource(named, (dir / "house.glb").string(), LoadedModel{}, {}, l);
         ADD_FAILURE();
     } catch (const SceneError& e) {
         EXPECT_EQ(e.description(), "scene file not found: " + named);
     }
     touch("other.json", "{cameras: []}");
     std::vector<std::string> lines;
-    ResolvedScene r = resolveSceneSource(named, (root / "house.glb").string(), LoadedModel{},
+    ResolvedScene r = resolveSceneSource(named, (dir / "house.glb").string(), LoadedModel{},
                                          [&](std::string_view s) { lines.emplace_back(s); }, l);
     EXPECT_EQ(r.source, named);
     EXPECT_EQ(lines, std::vector<std::string>{"scene: " + named + "  (0 lights, 0 cameras)"});
 }
 
 TEST_F(SearchTree, UnparseableFoundSceneFails) {
-    SearchLocations l{std::nullopt, std::nullopt, root};
+    SearchLocations l{std::nullopt, std::nullopt, dir};
     touch("scene.json", "{cameras: [");
-    EXPECT_THROW(resolveSceneSource(std::nullopt, (root / "house.glb").string(), LoadedModel{}, {}, l), SceneError);
+    EXPECT_THROW(resolveSceneSource(std::nullopt, (dir / "house.glb").string(), LoadedModel{}, {}, l), SceneError);
 }
 
 } // namespace
