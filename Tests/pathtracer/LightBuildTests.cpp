@@ -165,10 +165,9 @@ TEST(LightRepairs, BadDefinitionsAreRepairedOrSkippedWithOneLine) {
     // A repaired strip without end becomes a 300 lm Lambertian disc of 3 cm.
     LightBuild disc = buildLamps({lamp("strip")});
     ASSERT_EQ(disc.lights.size(), 1u);
-    EXPECT_EQ(disc.lights[0].posType.w, LIGHT_DISC);
-    EXPECT_EQ(disc.lights[0].extra.y, 300.0f);
-    EXPECT_EQ(disc.lights[0].normalRadius.w, 0.03f);
-    EXPECT_EQ(disc.lights[0].vExp.w, 1.0f);
+    const GPULight& L = disc.lights[0];
+    EXPECT_EQ(std::make_tuple(L.posType.w, L.extra.y, L.normalRadius.w, L.vExp.w),
+              std::make_tuple(LIGHT_DISC, 300.0f, 0.03f, 1.0f));
 }
 
 TEST(LightProxies, ProxiesFaceOutAndEncloseTheirEmitters) {
