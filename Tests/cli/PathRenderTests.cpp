@@ -1,7 +1,6 @@
 #include "cli/PathRender.h"
 
 #include "cli/CLITestSupport.h"
-#include "cli/HeadlessCLI.h"
 #include "image/PNGWriter.h"
 #include "image/VideoWriter.h"
 #include "scene/ImageDecode.h"
@@ -17,7 +16,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <tuple>
 
 namespace qv {
@@ -113,6 +111,11 @@ struct RunResult {
     std::string error;
 };
 
+Args operator+(Args a, const Args& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 RunResult runPath(const Args& args, const CameraPath& path, FakeRenderer& renderer) {
     RunResult r;
     try {
@@ -131,10 +134,14 @@ std::vector<int64_t> iota(int64_t first, int64_t last) {
     return v;
 }
 
+std::string fileBytes(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 // Whether the folder's frame i is a whole PNG showing frame i.
 bool frameIsWhole(const fs::path& folder, int64_t index) {
-    std::ifstream in(folder / PathRender::frameFileName(index), std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string bytes = fileBytes(folder / PathRender::frameFileName(index));
     auto image = decodeImageRGBA8(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(bytes.data()),
                                                            bytes.size()), 1 << 20);
     return image && image->width == kFrameW && image->height == kFrameH && image->pixels == framePixels(index);
@@ -226,10 +233,8 @@ TEST(PathChecks, OutputChecksComeFirst) {
     };
     for (const auto& [extra, error] : rows) {
         SCOPED_TRACE(test::joined(extra));
-        Args args = {"--path", "p.json"};
-        args.insert(args.end(), extra.begin(), extra.end());
         FakeRenderer fake;
-        RunResult r = runPath(args, straightPath(30, 2), fake);
+        RunResult r = runPath(Args{"--path", "p.json"} + extra, straightPath(30, 2), fake);
         EXPECT_EQ(r.error, error);
         EXPECT_TRUE(r.lines.empty() && fake.calls.empty());
         EXPECT_FALSE(fake.temporalWanted.has_value());
@@ -307,10 +312,8 @@ TEST(PathResume, AKilledRunResumesWithoutRedoingFinishedFrames) {
     RunResult r3 = runPath(args, path, third);
     EXPECT_TRUE(third.calls.empty());
     EXPECT_EQ(r3.lines[r3.lines.size() - 2], "path frames: 0 rendered (0.00 s each on average), 7 already there");
-    Args again = args;
-    again.insert(again.end(), {"--overwrite", "--frames", "2:3"});
     FakeRenderer fourth;
-    runPath(again, path, fourth);
+    runPath(args + Args{"--overwrite", "--frames", "2:3"}, path, fourth);
     EXPECT_EQ(fourth.renderedIndices(), iota(2, 3));
 }
 
@@ -319,11 +322,10 @@ TEST(PathResume, TemporalHistoryIsRefilledByWarmUpFramesAfterAGap) {
     const fs::path frames = dir.path() / "f";
     const CameraPath path = straightPath(30, 2); // 61 frames
     auto run = [&](const Args& extra) {
-        Args args = {"--path", "p.json", "--frames-dir", frames.string(), "--spp", "8"};
-        args.insert(args.end(), extra.begin(), extra.end());
         auto fake = std::make_unique<FakeRenderer>();
         fake->temporalReason = "";
-        RunResult r = runPath(args, path, *fake);
+        RunResult r = runPath(Args{"--path", "p.json", "--frames-dir", frames.string(), "--spp", "8"} + extra, path,
+                              *fake);
         EXPECT_EQ(r.error, "");
         return std::make_pair(std::move(fake), r.lines);
     };
@@ -344,10 +346,7 @@ TEST(PathResume, TemporalHistoryIsRefilledByWarmUpFramesAfterAGap) {
     EXPECT_EQ(linesB[2], "  warm-up frame 4 (16 spp, 30.0 s)");
     EXPECT_EQ(linesB[8], "  frame 10/60  16 spp  60.00 s  (mean 60.00 s, about 2 min left)  t=0.33 s  eye " +
                              strprintf("%.2f,1.60,0.00", b->calls[6].sample.eye[0]));
-    for (const PathFrame& f : b->calls)
-        if (f.warmUp) {
-            EXPECT_TRUE(f.partialPng.empty());
-        }
+    for (const PathFrame& f : b->calls) EXPECT_TRUE(!f.warmUp || f.partialPng.empty()) << f.index;
     EXPECT_EQ(b->calls[6].previousCamera->name, "path frame 9");
 
     // Skipping existing frames 0 to 12 from 0 is a gap too; --warmup 2 caps it.
@@ -373,18 +372,14 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
     // Each frame's PNG bytes, made before any child runs.
     std::vector<std::string> encoded;
     for (int64_t i = 0; i < kFrames; ++i) {
-        const fs::path src = dir.path() / "src.png";
-        PNGWriter::write(framePixels(i), kFrameW, kFrameH, src);
-        std::ifstream in(src, std::ios::binary);
-        encoded.emplace_back((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        PNGWriter::write(framePixels(i), kFrameW, kFrameH, dir.path() / "src.png");
+        encoded.push_back(fileBytes(dir.path() / "src.png"));
     }
 
     auto child = [&] {
         PathRenderHooks hooks;
         hooks.renderFrame = [&](const PathFrame& frame) -> int64_t {
-            {
-                std::ofstream(log, std::ios::app) << frame.index << "\n";
-            }
+            std::ofstream(log, std::ios::app) << frame.index << "\n";
             // Written slowly and directly, so that kills land inside a frame's bytes.
             const std::string& bytes = encoded.at(size_t(frame.index));
             std::ofstream outFile(frame.partialPng, std::ios::binary);
@@ -424,9 +419,7 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
         ASSERT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) != 0) << "the child failed";
         // Whatever moment the kill hit, every final frame is whole.
         for (int64_t i = 0; i < kFrames; ++i)
-            if (fs::exists(frames / PathRender::frameFileName(i))) {
-                ASSERT_TRUE(frameIsWhole(frames, i)) << i;
-            }
+            ASSERT_TRUE(!fs::exists(frames / PathRender::frameFileName(i)) || frameIsWhole(frames, i)) << i;
     }
     ASSERT_TRUE(done);
     EXPECT_GT(kills, 3);
