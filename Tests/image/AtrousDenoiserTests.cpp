@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 namespace qv {
 namespace {
@@ -40,6 +41,13 @@ Errors meanSquaredError(const test::SyntheticScene& scene, const std::vector<flo
     e.edges /= double(nEdge);
     e.flat /= double(nFlat);
     return e;
+}
+
+// Runs a per-pixel kernel over every pixel of a w x h image.
+template <class Kernel>
+void eachPixel(uint32_t w, uint32_t h, Kernel kernel) {
+    for (uint32_t y = 0; y < h; ++y)
+        for (uint32_t x = 0; x < w; ++x) kernel(x, y);
 }
 
 TEST(AtrousDenoiser, ReducesErrorFourfoldAndKeepsEdges) {
@@ -83,10 +91,9 @@ TEST(AtrousDenoiser, UniformNoiselessImagePassesUnchanged) {
     std::vector<float4> guideB(W * H, float4{0, 0, float(n), lum * lum * n});
     AtrousDenoiser dn{AtrousSettings{}};
     ASSERT_TRUE(dn.denoise(accum.data(), guideA.data(), guideB.data(), W, H, n));
+    const float3 expected{0.6f, 0.5f, 0.4f};
     for (size_t i = 0; i < W * H; ++i) {
-        EXPECT_NEAR(dn.output()[i].x, 0.6f, 1e-5f);
-        EXPECT_NEAR(dn.output()[i].y, 0.5f, 1e-5f);
-        EXPECT_NEAR(dn.output()[i].z, 0.4f, 1e-5f);
+        for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(xyz(dn.output()[i])[ch], expected[ch], 1e-5f) << i;
         EXPECT_EQ(dn.output()[i].w, 1.0f);
     }
 }
@@ -118,10 +125,10 @@ TEST(AtrousDenoiser, VectorisedPassMatchesTheReferenceKernel) {
     for (const auto& s : settings) {
         std::vector<float4> colour(count), noise(count), guide(count), albedo(count);
         GPUDenoiseParams P{uint4{W, H, 1, 0}, s[0], s[1]};
-        for (uint32_t y = 0; y < H; ++y)
-            for (uint32_t x = 0; x < W; ++x)
-                denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(),
-                            guide.data(), albedo.data(), P, x, y);
+        eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+            denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(), guide.data(),
+                        albedo.data(), P, x, y);
+        });
         AtrousGuidePlanes gp;
         gp.build(guide.data(), W, H, s[0].y);
         AtrousColourPlanes cp;
@@ -129,9 +136,9 @@ TEST(AtrousDenoiser, VectorisedPassMatchesTheReferenceKernel) {
             P.dims.z = 1u << i;
             P.dims.w = i;
             std::vector<float4> ref(count), fast(count), noiseRef = noise, noiseFast = noise;
-            for (uint32_t y = 0; y < H; ++y)
-                for (uint32_t x = 0; x < W; ++x)
-                    denoiseAtrous(colour.data(), ref.data(), guide.data(), noiseRef.data(), P, x, y);
+            eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+                denoiseAtrous(colour.data(), ref.data(), guide.data(), noiseRef.data(), P, x, y);
+            });
             atrousPassCPU(colour.data(), fast.data(), gp, cp, noiseFast.data(), P);
             for (size_t j = 0; j < count; ++j) {
                 float tol = 2e-5f * (std::fabs(ref[j].x) + 1e-3f);
@@ -159,25 +166,23 @@ TEST(AtrousDenoiser, VectorisedRestoreMatchesTheReferenceKernel) {
     // Residual and per-channel noise as the restore sees them, crease-corrected.
     std::vector<float4> colour(count), noise(count), guide(count), albedo(count), resid(count), creased(count);
     GPUDenoiseParams P{uint4{W, H, 1, 0}, dn.settings().sigmas, dn.settings().chroma};
-    for (uint32_t y = 0; y < H; ++y)
-        for (uint32_t x = 0; x < W; ++x)
-            denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(), guide.data(),
-                        albedo.data(), P, x, y);
-    for (uint32_t y = 0; y < H; ++y)
-        for (uint32_t x = 0; x < W; ++x)
-            denoiseResid(f.accum.data(), f.guideB.data(), dn.output(), albedo.data(), resid.data(), noise.data(), P,
-                         x, y);
-    const float4 crease = dn.settings().crease;
-    for (uint32_t y = 0; y < H; ++y)
-        for (uint32_t x = 0; x < W; ++x)
-            denoiseCrease(resid.data(), noise.data(), guide.data(), creased.data(), crease, P, x, y);
+    eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+        denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), colour.data(), noise.data(), guide.data(),
+                    albedo.data(), P, x, y);
+    });
+    eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+        denoiseResid(f.accum.data(), f.guideB.data(), dn.output(), albedo.data(), resid.data(), noise.data(), P, x, y);
+    });
+    eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+        denoiseCrease(resid.data(), noise.data(), guide.data(), creased.data(), dn.settings().crease, P, x, y);
+    });
     AtrousRestorePlanes planes;
     for (float k : {2.0f, 4.0f, 0.5f}) {
         std::vector<float4> ref(count), fast(count);
         const float4 C{k, 0, 0, 0};
-        for (uint32_t y = 0; y < H; ++y)
-            for (uint32_t x = 0; x < W; ++x)
-                denoiseRestore2(f.accum.data(), creased.data(), noise.data(), ref.data(), C, P, x, y);
+        eachPixel(W, H, [&](uint32_t x, uint32_t y) {
+            denoiseRestore2(f.accum.data(), creased.data(), noise.data(), ref.data(), C, P, x, y);
+        });
         restoreCPU(f.accum.data(), creased.data(), noise.data(), fast.data(), k, W, H, planes);
         int restored = 0;
         for (size_t j = 0; j < count; ++j) {
@@ -191,9 +196,7 @@ TEST(AtrousDenoiser, VectorisedRestoreMatchesTheReferenceKernel) {
             if (f.accum[j].w > 0 && dot(xyz(ref[j]) - x, xyz(ref[j]) - x) < 1e-6f * dot(x, x)) ++restored;
         }
         EXPECT_EQ(fast[hole].x, dn.output()[hole].x) << "a pixel without samples keeps the filtered value";
-        if (k == 0.5f) {
-            EXPECT_GT(restored, 0) << "a weak threshold puts some pixels fully back";
-        }
+        EXPECT_TRUE(k != 0.5f || restored > 0) << "a weak threshold puts some pixels fully back";
     }
 }
 
@@ -209,10 +212,7 @@ TEST(AtrousDenoiser, MatchesThePerPixelKernelChain) {
 
     const AtrousSettings& s = dn.settings();
     std::vector<float4> a(count), b(count), noise(count), guide(count), albedo(count), out(count), creased(count);
-    auto each = [&](auto kernel) {
-        for (uint32_t y = 0; y < H; ++y)
-            for (uint32_t x = 0; x < W; ++x) kernel(x, y);
-    };
+    auto each = [&](auto kernel) { eachPixel(W, H, kernel); };
     GPUDenoiseParams P{uint4{W, H, 1, 0}, s.sigmas, s.chroma};
     each([&](uint32_t x, uint32_t y) {
         denoisePrep(f.accum.data(), f.guideA.data(), f.guideB.data(), a.data(), noise.data(), guide.data(),
@@ -244,23 +244,16 @@ TEST(AtrousDenoiser, MatchesThePerPixelKernelChain) {
 
 TEST(AtrousSettings, SwitchValues) {
     AtrousSettings d = AtrousSettings::fromValues(nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(d.sigmas.x, 4.0f);
-    EXPECT_EQ(d.sigmas.w, 0.03f);
-    EXPECT_TRUE(d.restoreEnabled());
-    EXPECT_EQ(d.restoreStrength(), 2.0f);
-
+    EXPECT_EQ(std::make_tuple(d.sigmas.x, d.sigmas.w, d.restoreEnabled(), d.restoreStrength()),
+              std::make_tuple(4.0f, 0.03f, true, 2.0f));
     AtrousSettings three = AtrousSettings::fromValues("8,64,0.02", nullptr, nullptr, nullptr);
-    EXPECT_EQ(three.sigmas.x, 8.0f);
-    EXPECT_EQ(three.sigmas.w, 0.03f);
+    EXPECT_EQ(std::tie(three.sigmas.x, three.sigmas.w), std::make_tuple(8.0f, 0.03f));
+    // Lists of the wrong length and an unreadable strength keep their defaults.
     AtrousSettings two = AtrousSettings::fromValues("8,64", "1,2", "1,2,3,4", "x");
-    EXPECT_EQ(two.sigmas.x, 4.0f);
-    EXPECT_EQ(two.chroma.x, 0.5f);
-    EXPECT_EQ(two.crease.x, 0.98f);
+    EXPECT_EQ(std::tie(two.sigmas.x, two.chroma.x, two.crease.x), std::make_tuple(4.0f, 0.5f, 0.98f));
     EXPECT_FALSE(two.restoreK.has_value());
     AtrousSettings set = AtrousSettings::fromValues("1,2,3,0", "0.1,0,3", "0.9,0.1,5", "0");
-    EXPECT_EQ(set.sigmas.w, 0.0f);
-    EXPECT_EQ(set.chroma.y, 0.0f);
-    EXPECT_EQ(set.crease.z, 5.0f);
+    EXPECT_EQ(std::tie(set.sigmas.w, set.chroma.y, set.crease.z), std::make_tuple(0.0f, 0.0f, 5.0f));
     EXPECT_FALSE(set.restoreEnabled());
     EXPECT_TRUE(AtrousSettings::fromValues(nullptr, nullptr, nullptr, "3").restoreEnabled());
 }
