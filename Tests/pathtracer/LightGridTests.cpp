@@ -118,11 +118,8 @@ TEST(LightGridPacking, CellsListTheirLampsInOrderWithVisibility) {
     const std::vector<uint32_t> valid2 = {255};
     packed.append(vis2.data(), valid2.data(), 1);
 
-    ASSERT_EQ(packed.cellRange.size(), 4u);
-    EXPECT_EQ(packed.cellRange[0], (uint4{0, 0, 0, CELL_UNKNOWN}));
-    EXPECT_EQ(packed.cellRange[1], (uint4{0, 2, 24, 0}));
-    EXPECT_EQ(packed.cellRange[2], (uint4{2, 0, 0, 0}));
-    EXPECT_EQ(packed.cellRange[3], (uint4{2, 3, 0, 0}));
+    const std::vector<uint4> ranges = {{0, 0, 0, CELL_UNKNOWN}, {0, 2, 24, 0}, {2, 0, 0, 0}, {2, 3, 0, 0}};
+    EXPECT_EQ(packed.cellRange, ranges);
     const std::vector<uint32_t> entries = {0u | 128u << 16, 2u | 255u << 16, 0u | 1u << 16, 1u | 1u << 16,
                                            2u | 255u << 16};
     EXPECT_EQ(packed.cellEntry, entries);
