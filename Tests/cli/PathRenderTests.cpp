@@ -7,6 +7,7 @@
 #include "scene/Json5.h"
 #include "scene/TextFormat.h"
 #include "support/VideoProbe.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -25,24 +26,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using test::Args;
 
-class PathScratch {
-public:
-    PathScratch() {
-        path_ = fs::temp_directory_path() / ("qv-path-test-" + std::to_string(::getpid()) + "-" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(path_);
-        fs::create_directories(path_);
-    }
-    ~PathScratch() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-    std::string str(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    fs::path path_;
-};
+using PathScratch = testing_support::ScratchDir;
 
 // A straight walk along +x from 0 to 4 m in `seconds`, at `fps`.
 CameraPath straightPath(double fps, double seconds) {
@@ -172,7 +156,7 @@ TEST(PathFrames, CountRoundsHalvesAwayFromZero) {
 }
 
 TEST(PathFrames, ReportLinesOfAFullRun) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     FakeRenderer fake;
     const std::string frames = dir.str("frames");
     RunResult r = runPath({"--path", "tour.json", "--frames-dir", frames, "--spp", "16", "--video-denoise", "off"},
@@ -201,7 +185,7 @@ TEST(PathFrames, ReportLinesOfAFullRun) {
 TEST(PathFrames, TemporalUnavailableWarnsAndDenoisesFramesOnTheirOwn) {
     EXPECT_EQ(PathRender::videoDenoiseLine(CLIOptions::VideoDenoise::hybrid, 64, 2.5),
               "video denoise: hybrid, 64 spp per frame or 2.5 s");
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     FakeRenderer fake;
     RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--spp", "4", "--frames", "1:2"},
                           straightPath(1, 2), fake);
@@ -253,7 +237,7 @@ TEST(PathChecks, RangesAreClippedToThePath) {
     const std::tuple<const char*, int64_t, int64_t> rows[] = {{"50:99", 50, 60}, {"58:", 58, 60}, {":2", 0, 2},
                                                               {"60:60", 60, 60}};
     for (const auto& [frames, first, last] : rows) {
-        PathScratch dir;
+        PathScratch dir("qv-path-test-");
         FakeRenderer fake;
         RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--frames", frames,
                                "--video-denoise", "hybrid"},
@@ -267,7 +251,7 @@ TEST(PathChecks, RangesAreClippedToThePath) {
 }
 
 TEST(PathChecks, FpsOptionOverridesThePathsRate) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     FakeRenderer fake;
     RunResult r = runPath({"--path", "p.json", "--frames-dir", dir.str("f"), "--fps", "2", "--video-denoise", "off"},
                           straightPath(30, 2), fake);
@@ -281,7 +265,7 @@ TEST(PathChecks, FpsOptionOverridesThePathsRate) {
 // Resumption
 
 TEST(PathResume, AKilledRunResumesWithoutRedoingFinishedFrames) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const fs::path frames = dir.path() / "f";
     const Args args = {"--path", "p.json", "--frames-dir", frames.string(), "--video-denoise", "off"};
     const CameraPath path = straightPath(2, 3); // 7 frames
@@ -318,7 +302,7 @@ TEST(PathResume, AKilledRunResumesWithoutRedoingFinishedFrames) {
 }
 
 TEST(PathResume, TemporalHistoryIsRefilledByWarmUpFramesAfterAGap) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const fs::path frames = dir.path() / "f";
     const CameraPath path = straightPath(30, 2); // 61 frames
     auto run = [&](const Args& extra) {
@@ -361,7 +345,7 @@ TEST(PathResume, TemporalHistoryIsRefilledByWarmUpFramesAfterAGap) {
 // resumes. Every finished frame must be whole, and no finished frame may be
 // rendered again (each kill wastes at most the frame in progress).
 TEST(PathResume, SurvivesSigkillAtAnyMoment) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const fs::path frames = dir.path() / "f";
     const fs::path log = dir.path() / "renders.log";
     const CameraPath path = straightPath(10, 1.1); // 12 frames
@@ -439,7 +423,7 @@ TEST(PathResume, SurvivesSigkillAtAnyMoment) {
 // Encoding
 
 TEST(PathEncode, VideoIsWrittenOnceEveryFrameExists) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const std::string video = dir.str("walk.mp4");
     const CameraPath path = straightPath(4, 2); // 9 frames
     FakeRenderer first;
@@ -473,7 +457,7 @@ TEST(PathEncode, VideoIsWrittenOnceEveryFrameExists) {
 }
 
 TEST(PathEncode, EncodeOnlyNeitherSetsUpNorRenders) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const fs::path frames = dir.path() / "shared";
     fs::create_directories(frames);
     writeFrames(frames, {0, 1, 2, 3, 4});
@@ -493,7 +477,7 @@ TEST(PathEncode, EncodeOnlyNeitherSetsUpNorRenders) {
 }
 
 TEST(PathEncode, FractionalRateRendersButRefusesToEncode) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     const std::string video = dir.str("walk.mp4");
     FakeRenderer fake;
     RunResult r = runPath({"--path", "p.json", "--out", video, "--fps", "2.5", "--video-denoise", "off"},
@@ -505,7 +489,7 @@ TEST(PathEncode, FractionalRateRendersButRefusesToEncode) {
 }
 
 TEST(PathEncode, MissingFramesAreListedAsRuns) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     writeFrames(dir.path(), {0, 1, 2, 5, 9});
     CLIOptions o = test::parseArgs({"--path", "p.json", "--out", "x.mp4"});
     std::vector<std::string> lines;
@@ -517,7 +501,7 @@ TEST(PathEncode, MissingFramesAreListedAsRuns) {
 }
 
 TEST(PathEncode, FramesOfDifferentSizesAreRefused) {
-    PathScratch dir;
+    PathScratch dir("qv-path-test-");
     writeFrames(dir.path(), {0});
     PNGWriter::write(framePixels(1, 8, 8), 8, 8, dir.path() / PathRender::frameFileName(1));
     CLIOptions o = test::parseArgs({"--path", "p.json", "--out", "x.mp4"});

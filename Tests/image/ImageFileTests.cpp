@@ -1,6 +1,7 @@
 #include "cli/CLIOptions.h"
 #include "image/PNGWriter.h"
 #include "image/RawDump.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 #include <png.h>
@@ -18,32 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh folder per test under the system temporary folder.
-class ScratchDir {
-public:
-    ScratchDir() {
-        path_ = fs::temp_directory_path() /
-                ("qv-image-test-" + std::to_string(::getpid()) + "-" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(path_);
-        fs::create_directories(path_);
-    }
-    ~ScratchDir() {
-        std::error_code ec;
-        fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-    std::vector<std::string> entries() const {
-        std::vector<std::string> names;
-        for (const auto& e : fs::directory_iterator(path_)) names.push_back(e.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-private:
-    fs::path path_;
-};
+using testing_support::ScratchDir;
 
 struct DecodedPNG {
     uint32_t width = 0, height = 0;
@@ -99,7 +75,7 @@ WriteError writeError(const std::function<void()>& write) {
 }
 
 TEST(PNGWriting, RoundTripsPixelsExactly) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     // Written twice to the same name: the second replaces the first and no temporary is left.
     for (auto [w, h] : {std::pair<int64_t, int64_t>{64, 33}, {1, 1}, {7, 3}}) {
         std::vector<uint8_t> rgba = randomRGBA(w, h, uint32_t(w * 100 + h));
@@ -122,7 +98,7 @@ TEST(PNGWriting, TemporaryNameIsHiddenInTheSameFolder) {
 }
 
 TEST(PNGWriting, FailedEncodeLeavesNeitherPartialPNGNorTemporary) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     fs::path out = dir.path() / "frame.png";
     std::vector<uint8_t> earlier = randomRGBA(3, 3, 9);
     PNGWriter::write(earlier, 3, 3, out);
@@ -135,7 +111,7 @@ TEST(PNGWriting, FailedEncodeLeavesNeitherPartialPNGNorTemporary) {
 }
 
 TEST(PNGWriting, FailedMoveLeavesNoTemporary) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     fs::path out = dir.path() / "taken.png";
     fs::create_directories(out / "inside"); // a non-empty folder cannot be replaced by a file
     EXPECT_EQ(writeError([&] { PNGWriter::write(randomRGBA(2, 2, 4), 2, 2, out); }),
@@ -146,7 +122,7 @@ TEST(PNGWriting, FailedMoveLeavesNoTemporary) {
 
 TEST(PNGWriting, UnwritableFolderFailsToOpen) {
     if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     fs::path locked = dir.path() / "locked";
     fs::create_directories(locked);
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
@@ -158,7 +134,7 @@ TEST(PNGWriting, UnwritableFolderFailsToOpen) {
 }
 
 TEST(PNGWriting, WrongByteCountIsNoImage) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     EXPECT_EQ(writeError([&] { PNGWriter::write(std::vector<uint8_t>(15), 2, 2, dir.path() / "x.png"); }),
               WriteError(1, "could not create CGImage"));
     EXPECT_TRUE(dir.entries().empty());
@@ -174,7 +150,7 @@ std::string preflightError(const std::string& path) {
 }
 
 TEST(OutputPreflight, ExactErrors) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     const std::string d = dir.path().string();
     fs::create_directories(dir.path() / "folder.png");
     std::ofstream(dir.path() / "file") << "x";
@@ -192,7 +168,7 @@ TEST(OutputPreflight, ExactErrors) {
 
 TEST(OutputPreflight, PermissionErrors) {
     if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     fs::path ro = dir.path() / "ro";
     fs::create_directories(ro);
     std::ofstream(dir.path() / "fixed.png") << "x";
@@ -204,7 +180,7 @@ TEST(OutputPreflight, PermissionErrors) {
 }
 
 TEST(RawDumps, LinearDumpRoundTripsThroughItsSidecar) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     // 4 x 2 frame; pixel 5 has no samples and dumps as 0.
     std::vector<float4> sums(8);
     for (size_t i = 0; i < 8; ++i) sums[i] = float4{float(i), 2.0f * i, 0.5f, 4.0f};
@@ -249,7 +225,7 @@ TEST(RawDumps, UndenoisedSidecarHasNoDenoiserKeys) {
 }
 
 TEST(RawDumps, GuideDumpHoldsPerSampleMeans) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     std::vector<float4> accum{{0, 0, 0, 2}, {0, 0, 0, 0}};
     std::vector<float4> a{{1, 2, 3, 4}, {5, 5, 5, 5}};
     std::vector<float4> b{{0, 0, 2, 8}, {1, 1, 1, 1}};
@@ -265,7 +241,7 @@ TEST(RawDumps, GuideDumpHoldsPerSampleMeans) {
 }
 
 TEST(RawDumps, ReadingRejectsForeignFiles) {
-    ScratchDir dir;
+    ScratchDir dir("qv-image-test-");
     std::ofstream(dir.path() / "junk.bin") << "not a dump at all";
     EXPECT_THROW(RawDump::readLinear(dir.path() / "junk.bin"), DumpError);
     EXPECT_THROW(RawDump::readGuides(dir.path() / "junk.bin"), DumpError);

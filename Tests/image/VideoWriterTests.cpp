@@ -1,6 +1,7 @@
 #include "image/VideoWriter.h"
 
 #include "support/VideoProbe.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,26 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class VideoScratch {
-public:
-    VideoScratch() {
-        path_ = fs::temp_directory_path() / ("qv-video-test-" + std::to_string(::getpid()) + "-" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(path_);
-        fs::create_directories(path_);
-    }
-    ~VideoScratch() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-    size_t entryCount() const {
-        return static_cast<size_t>(std::distance(fs::directory_iterator(path_), fs::directory_iterator()));
-    }
-
-private:
-    fs::path path_;
-};
+using VideoScratch = testing_support::ScratchDir;
 
 // A frame of one colour with a moving bright square, so that the encoder sees motion.
 std::vector<uint8_t> testFrame(int w, int h, int index, uint8_t r, uint8_t g, uint8_t b) {
@@ -62,7 +44,7 @@ class VideoContainers : public ::testing::TestWithParam<ContainerCase> {};
 
 TEST_P(VideoContainers, FileReadsBackWithCodecRateCountAndBT709Tags) {
     const ContainerCase& c = GetParam();
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     const fs::path url = dir / c.file;
     const int w = 64, h = 48, frames = 30;
     const double fps = 12;
@@ -76,7 +58,7 @@ TEST_P(VideoContainers, FileReadsBackWithCodecRateCountAndBT709Tags) {
     }
     ASSERT_TRUE(fs::exists(url));
     EXPECT_FALSE(fs::exists(VideoWriter::partialPath(url)));
-    EXPECT_EQ(dir.entryCount(), 1u);
+    EXPECT_EQ(dir.entries().size(), 1u);
 
     test::VideoProbe p = test::probeVideo(url.string());
     ASSERT_TRUE(p.opened);
@@ -113,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
 // 0.2126 / 0.9278 = 102.3, Cr = 240. (BT.601 would give Y = 81.5, Cb = 90.)
 TEST(VideoPixels, SolidRedDecodesToBT709LimitedRange) {
     for (Codec codec : {Codec::h264, Codec::hevc}) {
-        VideoScratch dir;
+        VideoScratch dir("qv-video-test-");
         const fs::path url = dir / "red.mp4";
         const int w = 64, h = 64;
         std::vector<uint8_t> red(size_t(w) * h * 4);
@@ -133,7 +115,7 @@ TEST(VideoPixels, SolidRedDecodesToBT709LimitedRange) {
 }
 
 TEST(VideoPixels, FrameRateIsKeptForOtherWholeRates) {
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     const fs::path url = dir / "rate.mov";
     VideoWriter writer(url, 32, 32, 25, Codec::h264);
     for (int i = 0; i < 5; ++i) writer.append(testFrame(32, 32, i, 0, 0, 0));
@@ -150,14 +132,14 @@ TEST(VideoSettings, DefaultBitRates) {
 }
 
 TEST(VideoSettings, GivenBitRateIsUsedAndNonPositiveMeansDefault) {
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     EXPECT_EQ(VideoWriter(dir / "a.mp4", 64, 48, 30, Codec::h264, 2'000'000).bitrate(), 2'000'000);
     EXPECT_EQ(VideoWriter(dir / "b.mp4", 64, 48, 30, Codec::h264, 0).bitrate(),
               VideoWriter::defaultBitrate(Codec::h264, 64, 48, 30));
     EXPECT_EQ(VideoWriter(dir / "c.mp4", 64, 48, 30, Codec::hevc).bitrate(),
               VideoWriter::defaultBitrate(Codec::hevc, 64, 48, 30));
     // Abandoned writers leave nothing behind.
-    EXPECT_EQ(dir.entryCount(), 0u);
+    EXPECT_EQ(dir.entries().size(), 0u);
 }
 
 TEST(VideoSettings, BitRateReader) {
@@ -194,18 +176,18 @@ std::string errorOf(const std::function<void()>& f) {
 }
 
 TEST(VideoFailures, OddSidesAndUnopenableDestinationsCannotStart) {
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     EXPECT_EQ(errorOf([&] { VideoWriter(dir / "a.mp4", 1921, 1080, 30, Codec::h264); }),
               "video size 1921x1080 must be even");
     EXPECT_EQ(errorOf([&] { VideoWriter(dir / "a.mp4", 1920, 1081, 30, Codec::hevc); }),
               "video size 1920x1081 must be even");
-    EXPECT_EQ(dir.entryCount(), 0u);
+    EXPECT_EQ(dir.entries().size(), 0u);
     const std::string message = errorOf([] { VideoWriter("/nonexistent-qv-folder/clip.mp4", 64, 48, 30, Codec::h264); });
     EXPECT_EQ(message.rfind("AVAssetWriter: could not start (", 0), 0u) << message;
 }
 
 TEST(VideoFailures, WrongFrameSizeIsRefusedAndTheFinalNameUntouched) {
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     const fs::path url = dir / "clip.mp4";
     std::ofstream(url) << "earlier video";
     {
@@ -215,11 +197,11 @@ TEST(VideoFailures, WrongFrameSizeIsRefusedAndTheFinalNameUntouched) {
                   "video frame 1 has 6144 bytes, not the 12288 of a 64x48 RGBA frame");
     }
     EXPECT_EQ(fs::file_size(url), 13u) << "the earlier video is untouched";
-    EXPECT_EQ(dir.entryCount(), 1u);
+    EXPECT_EQ(dir.entries().size(), 1u);
 }
 
 TEST(VideoFailures, ReplacesAnEarlierVideoOnlyWhenCompleteAndFinishesOnce) {
-    VideoScratch dir;
+    VideoScratch dir("qv-video-test-");
     const fs::path url = dir / "clip.mp4";
     std::ofstream(url) << "earlier video";
     VideoWriter writer(url, 32, 32, 30, Codec::h264);

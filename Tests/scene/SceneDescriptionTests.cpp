@@ -2,6 +2,7 @@
 // text and fallback, the failures, the generated defaults and the camera's
 // field of view and look.
 #include "scene/SceneDescription.h"
+#include "support/ScratchDir.h"
 
 #include <gtest/gtest.h>
 
@@ -222,16 +223,9 @@ TEST(SceneDescriptionFailures, TopLevelProblemsFailTheFile) {
     }
 }
 
-class SceneFiles : public ::testing::Test {
+class SceneFiles : public testing_support::ScratchDirTest {
 protected:
-    fs::path dir;
-    void SetUp() override {
-        dir = fs::temp_directory_path() /
-              ("qv_scene_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    SceneFiles() : ScratchDirTest("qv_scene_") {}
     std::string write(const std::string& name, const std::string& text) {
         std::ofstream(dir / name, std::ios::binary) << text;
         return (dir / name).string();
