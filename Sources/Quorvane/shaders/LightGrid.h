@@ -72,18 +72,8 @@ QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3
 
 QV_KERNEL bool anyPositive(float3 t) { return t.x > 0.0f || t.y > 0.0f || t.z > 0.0f; }
 
-// Whether sampleLight(L, p, u) fails for every u because p lies behind the
-// whole of a one-sided emitter: (p - y) . n < 0 for every emitter point y,
-// with a millimetre to spare for rounding. A point within the emitter's
-// reach of its plane is left to sampleLight.
-QV_KERNEL bool lightBakeBehind(const GPULight& L, float3 p) {
-    const int type = lightType(L);
-    if (type == 1) return false;
-    const float3 n = lightNormal(L);
-    float reach = std::fabs(dot(xyz(L.uArea), n)) + std::fabs(dot(xyz(L.vExp), n));
-    if (type == 0) reach *= L.normalRadius.w;
-    return dot(p - lightCentre(L), n) + reach < -1e-3f;
-}
+// The bake's shadow ray along a successful sample, ending just short of it.
+QV_KERNEL float lightBakeRayLength(float dist) { return std::fmax(dist * 0.999f - 1e-4f, 0.0f); }
 
 // One bake invocation. `vis` holds (cells in the slice) x slots counters: the
 // unoccluded rays to each lamp, then in the last slot those to an emissive
@@ -108,8 +98,7 @@ QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULigh
         float2 u{rnd(seed), rnd(seed)};
         LightSample ls = sampleLight<false>(s.lights[li], p, u);
         if (!isValid(ls)) continue;
-        float tmax = std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f);
-        if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, tmax))) atomicAddCounter(&row[li], 1u);
+        if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, lightBakeRayLength(ls.dist)))) atomicAddCounter(&row[li], 1u);
     }
 
     const uint32_t emCount = bp.info.y;
@@ -137,6 +126,68 @@ QV_KERNEL uint32_t lightBakeReached(const SceneData& s, const Tracer& tr, const 
     return reached;
 }
 
+// The live points of one cell, by coordinate, each with its random stream.
+struct LightBakePoints {
+    float x[LIGHT_BAKE_MAX_POINTS], y[LIGHT_BAKE_MAX_POINTS], z[LIGHT_BAKE_MAX_POINTS];
+    uint32_t seed[LIGHT_BAKE_MAX_POINTS];
+    uint32_t count = 0;
+    QV_KERNEL float3 at(uint32_t i) const { return float3{x[i], y[i], z[i]}; }
+};
+
+// Per-point results of lightBakeLampRays before they are packed into rays.
+struct LightBakeRayScratch {
+    float dx[LIGHT_BAKE_MAX_POINTS], dy[LIGHT_BAKE_MAX_POINTS], dz[LIGHT_BAKE_MAX_POINTS];
+    float tmax[LIGHT_BAKE_MAX_POINTS];
+    uint8_t keep[LIGHT_BAKE_MAX_POINTS];
+};
+
+// One pass over the points: the ray `toward(p, u)` gives for each point and
+// its next two random numbers, kept or not. Branch-free `toward` functions
+// make this a loop the compiler turns into vector code.
+template <class Toward>
+QV_KERNEL void lightBakeRayPass(LightBakePoints& pts, LightBakeRayScratch& sc, Toward toward) {
+    const uint32_t n = pts.count;
+    for (uint32_t i = 0; i < n; ++i) {
+        float2 u{rnd(pts.seed[i]), rnd(pts.seed[i])};
+        LampRay r = toward(pts.at(i), u);
+        sc.dx[i] = r.dir.x, sc.dy[i] = r.dir.y, sc.dz[i] = r.dir.z;
+        sc.tmax[i] = lightBakeRayLength(r.dist);
+        sc.keep[i] = r.ok;
+    }
+}
+
+// The shadow rays toward lamp L from every point: those of sampleLight for
+// the points' next two random numbers, in point order, without the samples
+// that fail.
+QV_KERNEL uint32_t lightBakeLampRays(const GPULight& lamp, LightBakePoints& pts, LightBakeRayScratch& sc,
+                                     KernelRay* rays) {
+    const GPULight L = lamp; // a local copy: the stores of the pass cannot alias it
+    const float3 normal = lightNormal(L);
+    switch (lightType(L)) {
+    case 0: {
+        const bool area = lampAreaPdf(L) > 0.0f;
+        lightBakeRayPass(pts, sc, [&](float3 p, float2 u) {
+            LampRay r = areaLampRay(p, discLampPoint(L, u), normal);
+            r.ok = r.ok && area;
+            return r;
+        });
+        break;
+    }
+    case 1: lightBakeRayPass(pts, sc, [&](float3 p, float2 u) { return sphereLampRay(L, p, u); }); break;
+    default:
+        lightBakeRayPass(pts, sc, [&](float3 p, float2 u) {
+            LampPoint lp = stripLampPoint(L, p, u);
+            LampRay r = areaLampRay(p, lp.y, normal);
+            r.ok = r.ok && lp.areaPdf > 0.0f;
+            return r;
+        });
+    }
+    uint32_t m = 0;
+    for (uint32_t i = 0; i < pts.count; ++i)
+        if (sc.keep[i]) rays[m++] = KernelRay{pts.at(i), float3{sc.dx[i], sc.dy[i], sc.dz[i]}, sc.tmax[i]};
+    return m;
+}
+
 // All R points of one cell in one invocation, for processors that trace rays
 // faster in bundles: the same counts as R invocations of lightGridBake (every
 // point draws the same random numbers in the same order), but the shadow rays
@@ -151,44 +202,35 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
     const uint32_t ci = bp.range.x + localCell;
     if (ci >= s.grid.dims.w) return;
 
-    // The points in free space, each with its random stream.
-    uint32_t seeds[LIGHT_BAKE_MAX_POINTS];
-    float3 points[LIGHT_BAKE_MAX_POINTS];
-    uint32_t live = 0;
+    LightBakePoints pts;
     for (uint32_t k = 0; k < R; ++k) {
         uint32_t seed = pcgHash(ci * 7919u + pcgHash(k * 0x9E3779B9u + bp.info.z));
         const float3 p = lightBakePoint(s.grid, ci, k, R, seed);
         if (lightBakeInsideSolid(s, tr, p, seed)) continue;
-        seeds[live] = seed;
-        points[live] = p;
-        ++live;
+        const uint32_t i = pts.count++;
+        pts.x[i] = p.x, pts.y[i] = p.y, pts.z[i] = p.z;
+        pts.seed[i] = seed;
     }
-    valid[localCell] += live;
-    if (live == 0u) return;
+    valid[localCell] += pts.count;
+    if (pts.count == 0u) return;
 
     uint32_t* row = vis + size_t(localCell) * slots;
+    LightBakeRayScratch scratch;
     KernelRay rays[LIGHT_BAKE_MAX_POINTS];
     uint8_t blocked[LIGHT_BAKE_MAX_POINTS];
     const uint32_t lightCount = bp.info.x;
     for (uint32_t li = 0; li < lightCount; ++li) {
-        uint32_t n = 0;
-        for (uint32_t i = 0; i < live; ++i) {
-            float2 u{rnd(seeds[i]), rnd(seeds[i])};
-            if (lightBakeBehind(s.lights[li], points[i])) continue;
-            LightSample ls = sampleLight<false>(s.lights[li], points[i], u);
-            if (!isValid(ls)) continue;
-            rays[n++] = KernelRay{points[i], ls.dir, std::fmax(ls.dist * 0.999f - 1e-4f, 0.0f)};
-        }
+        const uint32_t n = lightBakeLampRays(s.lights[li], pts, scratch, rays);
         row[li] += lightBakeReached(s, tr, rays, n, blocked);
     }
 
     const uint32_t emCount = bp.info.y;
     if (emCount == 0u) return;
     uint32_t n = 0;
-    for (uint32_t i = 0; i < live; ++i) {
-        float3 u{rnd(seeds[i]), rnd(seeds[i]), rnd(seeds[i])};
-        EmissiveSample es = sampleEmissive(s, emCount, points[i], u);
-        if (es.pdf > 0.0f && es.dist > 1e-5f) rays[n++] = KernelRay{points[i], es.dir, es.dist * 0.999f};
+    for (uint32_t i = 0; i < pts.count; ++i) {
+        float3 u{rnd(pts.seed[i]), rnd(pts.seed[i]), rnd(pts.seed[i])};
+        EmissiveSample es = sampleEmissive(s, emCount, pts.at(i), u);
+        if (es.pdf > 0.0f && es.dist > 1e-5f) rays[n++] = KernelRay{pts.at(i), es.dir, es.dist * 0.999f};
     }
     row[lightCount] += lightBakeReached(s, tr, rays, n, blocked);
 }

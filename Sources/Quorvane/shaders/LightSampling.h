@@ -352,16 +352,81 @@ QV_KERNEL float3 sampleConeDir(float3 axis, float oneMinusCosMax, float2 u) {
 }
 
 // 1 - cos of the cone a sphere subtends from x, computed without cancellation;
-// a negative value when x is inside the sphere.
+// a negative value when x is inside the sphere. Written without branches, as
+// are the other per-point pieces below, so that a loop of them over many
+// points vectorises (the light grid's bake).
 QV_KERNEL float sphereConeOmc(const GPULight& L, float3 x) {
     float3 d = lightCentre(L) - x;
     float d2 = dot(d, d);
     float r = L.normalRadius.w;
-    if (d2 <= r * r * 1.0001f) return -1.0f;
     float s2 = r * r / d2;
     float cosMax = std::sqrt(std::fmax(0.0f, 1.0f - s2));
-    return s2 / (1.0f + cosMax);
+    return d2 <= r * r * 1.0001f ? -1.0f : s2 / (1.0f + cosMax);
 }
+
+// A ray from x toward a point of a lamp: ok is false where sampleLight fails.
+struct LampRay {
+    float3 dir;
+    float dist = 0;
+    float d2 = 0;
+    float cosL = 0; // cosine at an area lamp's surface; 1 - cos of the cone for a sphere
+    bool ok = false;
+};
+
+// Toward point y of an area lamp with unit normal n (the lamp's front side).
+QV_KERNEL LampRay areaLampRay(float3 x, float3 y, float3 n) {
+    LampRay r;
+    float3 d = y - x;
+    r.d2 = dot(d, d);
+    r.dist = std::sqrt(r.d2);
+    r.dir = d / r.dist;
+    r.cosL = -dot(r.dir, n);
+    r.ok = r.d2 >= 1e-10f && r.cosL > 1e-6f;
+    return r;
+}
+
+// Toward a point of a sphere lamp, uniform over the cone it subtends.
+QV_KERNEL LampRay sphereLampRay(const GPULight& L, float3 x, float2 u) {
+    LampRay s;
+    float omc = sphereConeOmc(L, x);
+    float3 dc = lightCentre(L) - x;
+    float d2 = dot(dc, dc);
+    float3 w = dc / std::sqrt(d2);
+    s.dir = sampleConeDir(w, omc, u);
+    float cosT = dot(s.dir, w);
+    float r = L.normalRadius.w;
+    float sin2 = std::fmax(0.0f, 1.0f - cosT * cosT);
+    float dist = std::sqrt(d2) * cosT - std::sqrt(std::fmax(r * r - d2 * sin2, 0.0f));
+    s.dist = std::fmax(dist, 0.0f);
+    s.cosL = omc;
+    s.ok = omc > 0.0f;
+    return s;
+}
+
+// A point on an area lamp and the density per unit area it was drawn with.
+struct LampPoint {
+    float3 y;
+    float areaPdf = 0;
+};
+
+// A point of a disc lamp (an N-gon of fans from the centre): u.x picks the
+// fan and, with u.y, the point in it, uniform by area.
+QV_KERNEL float3 discLampPoint(const GPULight& L, float2 u) {
+    float N = std::fmax(L.extra.x, 3.0f);
+    float k = std::fmin(std::floor(u.x * N), N - 1.0f);
+    float uu = clampf(u.x * N - k, 0.0f, 1.0f);
+    float r = L.normalRadius.w;
+    SinCos a1 = sinCosTurns(k / N), a2 = sinCosTurns((k + 1.0f) / N);
+    float3 c = lightCentre(L), tu = xyz(L.uArea), tv = xyz(L.vExp);
+    float3 p1 = c + (tu * a1.c + tv * a1.s) * r;
+    float3 p2 = c + (tu * a2.c + tv * a2.s) * r;
+    float su = std::sqrt(uu);
+    float b0 = 1.0f - su, b1 = u.y * su;
+    return c * b0 + p1 * b1 + p2 * (1.0f - b0 - b1);
+}
+
+// The inverse of a disc or rectangle lamp's area, 0 for a degenerate one.
+QV_KERNEL float lampAreaPdf(const GPULight& L) { return L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f; }
 
 // Density along a strip (equi-angular along the length, uniform across) of
 // the point y, per unit area.
@@ -376,7 +441,7 @@ QV_KERNEL float stripAreaPdf(const GPULight& L, float3 x, float3 y) {
     float3 foot = c + a * s0;
     float h = std::fmax(length(x - foot), 1e-4f);
     float th0 = std::atan((-Lh - s0) / h), th1 = std::atan((Lh - s0) / h);
-    if (!(th1 - th0 > 1e-7f) || !(Wh > 0.0f)) return L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f;
+    if (!(th1 - th0 > 1e-7f) || !(Wh > 0.0f)) return lampAreaPdf(L);
     float t = dot(y - c, a);
     return (h / ((t - s0) * (t - s0) + h * h)) / (th1 - th0) / (2.0f * Wh);
 }
@@ -387,76 +452,54 @@ QV_KERNEL float stripAreaPdf(const GPULight& L, float3 x, float3 y) {
 template <bool kRadiance = true>
 QV_KERNEL LightSample areaLightTail(const GPULight& L, float3 x, float3 y, float areaPdf) {
     LightSample ls;
-    float3 d = y - x;
-    float d2 = dot(d, d);
-    if (d2 < 1e-10f || !(areaPdf > 0.0f)) return ls;
-    float dist = std::sqrt(d2);
-    float3 dir = d / dist;
-    float cosL = -dot(dir, lightNormal(L));
-    if (cosL <= 1e-6f) return ls;
-    ls.dir = dir;
-    ls.dist = dist;
+    LampRay r = areaLampRay(x, y, lightNormal(L));
+    if (!r.ok || !(areaPdf > 0.0f)) return ls;
+    ls.dir = r.dir;
+    ls.dist = r.dist;
     if constexpr (kRadiance) {
         float p = L.vExp.w;
-        ls.Le = xyz(L.radiance) * lampPow(cosL, p - 1.0f);
+        ls.Le = xyz(L.radiance) * lampPow(r.cosL, p - 1.0f);
     }
-    ls.pdf = areaPdf * d2 / cosL;
+    ls.pdf = areaPdf * r.d2 / r.cosL;
     return ls;
+}
+
+// A point of a strip lamp with its density per unit area (0: no sample):
+// equi-angular along the length, so the part facing a nearby surface gets
+// the samples, uniform across the width; uniform over the whole rectangle
+// when x lies on the strip's axis or the strip has no width.
+QV_KERNEL LampPoint stripLampPoint(const GPULight& L, float3 x, float2 u) {
+    float3 c = lightCentre(L), hu = xyz(L.uArea), hv = xyz(L.vExp);
+    float Lh = length(hu), Wh = length(hv);
+    float3 a = hu / Lh;
+    float s0 = dot(x - c, a);
+    float h = std::fmax(length(x - (c + a * s0)), 1e-4f);
+    float th0 = std::atan((-Lh - s0) / h), th1 = std::atan((Lh - s0) / h);
+    float t = clampf(s0 + h * std::tan(th0 + u.x * (th1 - th0)), -Lh, Lh);
+    const bool equiAngular = th1 - th0 > 1e-7f && Wh > 0.0f;
+    LampPoint lp;
+    lp.y = equiAngular ? c + a * t + hv * (2.0f * u.y - 1.0f) : c + hu * (2.0f * u.x - 1.0f) + hv * (2.0f * u.y - 1.0f);
+    lp.areaPdf = equiAngular ? (h / ((t - s0) * (t - s0) + h * h)) / (th1 - th0) / (2.0f * Wh) : lampAreaPdf(L);
+    lp.areaPdf = Lh > 0.0f ? lp.areaPdf : 0.0f;
+    return lp;
 }
 
 template <bool kRadiance = true>
 QV_KERNEL LightSample sampleLight(const GPULight& L, float3 x, float2 u) {
     LightSample ls;
-    float3 c = lightCentre(L);
     int type = lightType(L);
     if (type == 1) {
-        float omc = sphereConeOmc(L, x);
-        if (!(omc > 0.0f)) return ls;
-        float3 dc = c - x;
-        float d2 = dot(dc, dc);
-        float3 w = dc / std::sqrt(d2);
-        float3 dir = sampleConeDir(w, omc, u);
-        float cosT = dot(dir, w);
-        float r = L.normalRadius.w;
-        float sin2 = std::fmax(0.0f, 1.0f - cosT * cosT);
-        float dist = std::sqrt(d2) * cosT - std::sqrt(std::fmax(r * r - d2 * sin2, 0.0f));
-        ls.dir = dir;
-        ls.dist = std::fmax(dist, 0.0f);
+        LampRay r = sphereLampRay(L, x, u);
+        if (!r.ok) return ls;
+        ls.dir = r.dir;
+        ls.dist = r.dist;
         ls.Le = xyz(L.radiance);
-        ls.pdf = 1.0f / (TWO_PI * omc);
+        ls.pdf = 1.0f / (TWO_PI * r.cosL);
         return ls;
     }
-    if (type == 0) {
-        float N = std::fmax(L.extra.x, 3.0f);
-        float k = std::fmin(std::floor(u.x * N), N - 1.0f);
-        float uu = clampf(u.x * N - k, 0.0f, 1.0f);
-        float r = L.normalRadius.w;
-        SinCos a1 = sinCosTurns(k / N), a2 = sinCosTurns((k + 1.0f) / N);
-        float3 tu = xyz(L.uArea), tv = xyz(L.vExp);
-        float3 p1 = c + (tu * a1.c + tv * a1.s) * r;
-        float3 p2 = c + (tu * a2.c + tv * a2.s) * r;
-        float su = std::sqrt(uu);
-        float b0 = 1.0f - su, b1 = u.y * su;
-        float3 y = c * b0 + p1 * b1 + p2 * (1.0f - b0 - b1);
-        return areaLightTail<kRadiance>(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
-    }
-    // Strip: equi-angular along the length so the part facing a nearby
-    // surface gets the samples, uniform across the width.
-    float3 hu = xyz(L.uArea), hv = xyz(L.vExp);
-    float Lh = length(hu), Wh = length(hv);
-    if (!(Lh > 0.0f)) return ls;
-    float3 a = hu / Lh;
-    float s0 = dot(x - c, a);
-    float h = std::fmax(length(x - (c + a * s0)), 1e-4f);
-    float th0 = std::atan((-Lh - s0) / h), th1 = std::atan((Lh - s0) / h);
-    if (!(th1 - th0 > 1e-7f) || !(Wh > 0.0f)) {
-        float3 y = c + hu * (2.0f * u.x - 1.0f) + hv * (2.0f * u.y - 1.0f);
-        return areaLightTail<kRadiance>(L, x, y, L.uArea.w > 0.0f ? 1.0f / L.uArea.w : 0.0f);
-    }
-    float t = clampf(s0 + h * std::tan(th0 + u.x * (th1 - th0)), -Lh, Lh);
-    float3 y = c + a * t + hv * (2.0f * u.y - 1.0f);
-    float areaPdf = (h / ((t - s0) * (t - s0) + h * h)) / (th1 - th0) / (2.0f * Wh);
-    return areaLightTail<kRadiance>(L, x, y, areaPdf);
+    if (type == 0) return areaLightTail<kRadiance>(L, x, discLampPoint(L, u), lampAreaPdf(L));
+    LampPoint lp = stripLampPoint(L, x, u);
+    return areaLightTail<kRadiance>(L, x, lp.y, lp.areaPdf);
 }
 
 // Solid-angle density with which sampleLight produces point y along dir.
