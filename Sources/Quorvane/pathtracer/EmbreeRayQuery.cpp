@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -59,21 +60,23 @@ void checkDevice(RTCDevice device) {
     throw RayQueryError("acceleration structure build failed: " + text);
 }
 
-RTCRay makeRay(const Ray& r) {
-    RTCRay ray{};
-    ray.org_x = r.origin.x;
-    ray.org_y = r.origin.y;
-    ray.org_z = r.origin.z;
-    ray.tnear = r.tMin > 0 ? r.tMin : 0.0f; // Embree needs tnear >= 0
-    ray.dir_x = r.direction.x;
-    ray.dir_y = r.direction.y;
-    ray.dir_z = r.direction.z;
-    ray.time = 0;
+// Embree reads a ray's origin and direction as 16-byte vectors (each with
+// tnear or time in the fourth lane); written as four scalar stores they
+// could not be forwarded to those loads, which then wait for the stores to
+// retire. One vector store per pair avoids that stall on every query.
+using RayLanes = float __attribute__((vector_size(16)));
+static_assert(offsetof(RTCRay, tnear) == offsetof(RTCRay, org_x) + 12 && offsetof(RTCRay, org_x) % 16 == 0);
+static_assert(offsetof(RTCRay, time) == offsetof(RTCRay, dir_x) + 12 && offsetof(RTCRay, dir_x) % 16 == 0);
+
+void fillRay(RTCRay& ray, const Ray& r) {
+    const RayLanes org{r.origin.x, r.origin.y, r.origin.z, r.tMin > 0 ? r.tMin : 0.0f}; // Embree needs tnear >= 0
+    const RayLanes dir{r.direction.x, r.direction.y, r.direction.z, 0.0f};
+    std::memcpy(&ray.org_x, &org, sizeof org);
+    std::memcpy(&ray.dir_x, &dir, sizeof dir);
     ray.tfar = r.tMax;
     ray.mask = r.mask;
     ray.id = 0;
     ray.flags = 0;
-    return ray;
 }
 
 } // namespace
@@ -163,8 +166,8 @@ RayQuery RayQuery::build(std::span<const TriangleSet> sets, BuildQuality quality
 }
 
 RayHit RayQuery::intersect(const Ray& r) const {
-    RTCRayHit rh{};
-    rh.ray = makeRay(r);
+    RTCRayHit rh;
+    fillRay(rh.ray, r);
     rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
     rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
     rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
@@ -184,7 +187,8 @@ RayHit RayQuery::intersect(const Ray& r) const {
 }
 
 bool RayQuery::occluded(const Ray& r) const {
-    RTCRay ray = makeRay(r);
+    RTCRay ray;
+    fillRay(ray, r);
     RTCIntersectContext context;
     rtcInitIntersectContext(&context);
     rtcOccluded1(impl_->scene, &context, &ray);
@@ -192,37 +196,53 @@ bool RayQuery::occluded(const Ray& r) const {
     return ray.tfar < 0 && std::isinf(ray.tfar);
 }
 
-void RayQuery::occluded(std::span<const Ray> rays, std::span<uint8_t> blocked) const {
+void RayQuery::occluded(const RayBundle& rays, const uint8_t* active, uint8_t* blocked) const {
     // Packets of 16 in Embree's own layout: a bundle of rays that start close
-    // together and head the same way shares most of its traversal steps.
+    // together and head the same way shares most of its traversal steps. The
+    // packet is filled with whole-vector copies where it can be: Embree reads
+    // it in vectors, and a vector load from many scalar stores stalls.
     constexpr size_t kPacket = 16;
     RTCIntersectContext context;
     rtcInitIntersectContext(&context);
     context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
-    const size_t n = std::min(rays.size(), blocked.size());
-    for (size_t first = 0; first < n; first += kPacket) {
-        const size_t m = std::min(kPacket, n - first);
-        alignas(64) RTCRay16 packet;
+    alignas(64) RTCRay16 packet;
+    for (size_t i = 0; i < kPacket; ++i) {
+        packet.tnear[i] = 0.0f;
+        packet.time[i] = 0.0f;
+        packet.mask[i] = rays.mask;
+        packet.id[i] = 0;
+        packet.flags[i] = 0;
+    }
+    for (size_t first = 0; first < rays.count; first += kPacket) {
+        const size_t m = std::min(kPacket, rays.count - first);
         alignas(64) int valid[kPacket];
-        for (size_t i = 0; i < kPacket; ++i) {
-            const Ray& r = rays[first + (i < m ? i : 0)];
-            valid[i] = i < m ? -1 : 0;
-            packet.org_x[i] = r.origin.x;
-            packet.org_y[i] = r.origin.y;
-            packet.org_z[i] = r.origin.z;
-            packet.tnear[i] = r.tMin > 0 ? r.tMin : 0.0f;
-            packet.dir_x[i] = r.direction.x;
-            packet.dir_y[i] = r.direction.y;
-            packet.dir_z[i] = r.direction.z;
-            packet.time[i] = 0;
-            packet.tfar[i] = r.tMax;
-            packet.mask[i] = r.mask;
-            packet.id[i] = 0;
-            packet.flags[i] = 0;
+        if (m == kPacket) {
+            auto copy = [first](float* to, const float* from) { std::memcpy(to, from + first, sizeof(float) * kPacket); };
+            copy(packet.org_x, rays.ox), copy(packet.org_y, rays.oy), copy(packet.org_z, rays.oz);
+            copy(packet.dir_x, rays.dx), copy(packet.dir_y, rays.dy), copy(packet.dir_z, rays.dz);
+            copy(packet.tfar, rays.tmax);
+            for (size_t i = 0; i < kPacket; ++i)
+                valid[i] = (!active || active[first + i]) && rays.tmax[first + i] > 0.0f ? -1 : 0;
+        } else {
+            for (size_t i = 0; i < kPacket; ++i) {
+                // A short last packet repeats its first ray in the unused lanes.
+                const size_t k = first + (i < m ? i : 0);
+                valid[i] = i < m && (!active || active[k]) && rays.tmax[k] > 0.0f ? -1 : 0;
+                packet.org_x[i] = rays.ox[k];
+                packet.org_y[i] = rays.oy[k];
+                packet.org_z[i] = rays.oz[k];
+                packet.dir_x[i] = rays.dx[k];
+                packet.dir_y[i] = rays.dy[k];
+                packet.dir_z[i] = rays.dz[k];
+                packet.tfar[i] = rays.tmax[k];
+            }
         }
-        rtcOccluded16(valid, impl_->scene, &context, &packet);
+        int any = 0;
+        for (size_t i = 0; i < kPacket; ++i) any |= valid[i];
+        if (any) rtcOccluded16(valid, impl_->scene, &context, &packet);
+        // Embree marks a blocked ray by setting tfar to -infinity.
         for (size_t i = 0; i < m; ++i)
-            blocked[first + i] = packet.tfar[i] < 0 && std::isinf(packet.tfar[i]) ? 1 : 0;
+            blocked[first + i] = valid[i] && packet.tfar[i] < 0.0f && std::isinf(packet.tfar[i]) ? 1 : 0;
     }
 }
 

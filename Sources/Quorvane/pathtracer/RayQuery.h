@@ -44,6 +44,16 @@ struct Ray {
     uint32_t mask = kRayMaskAll;
 };
 
+// Many rays by coordinate: ray i starts at (ox, oy, oz)[i] and runs along
+// (dx, dy, dz)[i] from 0 to tmax[i].
+struct RayBundle {
+    const float *ox = nullptr, *oy = nullptr, *oz = nullptr;
+    const float *dx = nullptr, *dy = nullptr, *dz = nullptr;
+    const float* tmax = nullptr;
+    size_t count = 0;
+    uint32_t mask = kRayMaskAll;
+};
+
 struct RayHit {
     float t = kMissDistance;            // distance along the direction, kMissDistance on a miss
     uint32_t prim = kNoHit;             // triangle index over all sets in order, kNoHit on a miss
@@ -70,10 +80,11 @@ public:
     RayHit intersect(const Ray& ray) const;
     // Whether any triangle the mask selects lies on the ray within [tMin, tMax].
     bool occluded(const Ray& ray) const;
-    // The same for many rays: blocked[i] = 1 when rays[i] is occluded, else 0
-    // (the spans have equal lengths). Rays that start close together and head
+    // The same for many rays: blocked[i] = 1 when ray i is occluded, else 0.
+    // Only rays with active[i] != 0 (all when active is null) and tmax > 0
+    // are traced; the rest get 0. Rays that start close together and head
     // the same way are traced as packets, about twice as fast as one by one.
-    void occluded(std::span<const Ray> rays, std::span<uint8_t> blocked) const;
+    void occluded(const RayBundle& rays, const uint8_t* active, uint8_t* blocked) const;
 
     size_t triangleCount() const;
     size_t setCount() const;

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <span>
 
 namespace qv {
 
@@ -53,30 +52,18 @@ public:
         return op_->occluded(ray);
     }
 
-    // The light grid's bake: many shadow rays of one cell at once; blocked[i] = 1 when ray i is occluded.
-    void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const {
+    // The light grid's bake: many shadow rays of one cell at once.
+    void opaqueOccludedMany(const KernelRaySet& rays, const uint8_t* active, uint8_t* blocked) const {
         if (!op_) {
-            for (uint32_t i = 0; i < n; ++i) blocked[i] = 0;
+            std::fill(blocked, blocked + rays.count, uint8_t(0));
             return;
         }
-        Ray batch[kLightBakeBatch];
-        for (uint32_t first = 0; first < n; first += kLightBakeBatch) {
-            const uint32_t m = std::min(kLightBakeBatch, n - first);
-            for (uint32_t i = 0; i < m; ++i) {
-                const KernelRay& r = rays[first + i];
-                batch[i] = Ray{r.o, r.d, 0.0f, std::fmax(r.tmax, 0.0f), kRayMaskAll};
-            }
-            op_->occluded(std::span<const Ray>(batch, m), std::span<uint8_t>(blocked + first, m));
-            // An empty segment is never blocked, as in opaqueOccluded.
-            for (uint32_t i = 0; i < m; ++i)
-                if (!(rays[first + i].tmax > 0.0f)) blocked[first + i] = 0;
-        }
+        op_->occluded(RayBundle{rays.ox, rays.oy, rays.oz, rays.dx, rays.dy, rays.dz, rays.tmax, rays.count,
+                                kRayMaskAll},
+                      active, blocked);
     }
 
 private:
-    // A packet's worth: converting more rays at a time buys nothing.
-    static constexpr uint32_t kLightBakeBatch = 16;
-
     static KernelHit query(const RayQuery* as, float3 o, float3 d, float tmin, float tmax, uint32_t mask) {
         KernelHit h;
         if (!as || !(tmax > tmin)) return h;

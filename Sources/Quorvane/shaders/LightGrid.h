@@ -113,79 +113,88 @@ QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULigh
 
 constexpr uint32_t LIGHT_BAKE_MAX_POINTS = 255;
 
-// How many of n shadow rays arrive: opaque occlusion for all of them at once,
-// then the glass along each unblocked one (frosted panes block).
-template <class Tracer>
-QV_KERNEL uint32_t lightBakeReached(const SceneData& s, const Tracer& tr, const KernelRay* rays, uint32_t n,
-                                    uint8_t* blocked) {
-    if (n == 0u) return 0u;
-    tr.opaqueOccludedMany(rays, n, blocked);
-    uint32_t reached = 0;
-    for (uint32_t i = 0; i < n; ++i)
-        if (!blocked[i] && anyPositive(glassTransmittance(s, tr, rays[i].o, rays[i].d, rays[i].tmax))) ++reached;
-    return reached;
-}
+// Per-point arrays of the bake hold R points rounded up to whole vectors, so
+// the passes over them never end in a partial vector.
+constexpr uint32_t LIGHT_BAKE_VECTOR = 16;
+constexpr uint32_t LIGHT_BAKE_SLOTS = (LIGHT_BAKE_MAX_POINTS + LIGHT_BAKE_VECTOR - 1) / LIGHT_BAKE_VECTOR * LIGHT_BAKE_VECTOR;
 
 // The live points of one cell, by coordinate, each with its random stream.
+// Slots from count up to padded() repeat point 0 and are never used.
 struct LightBakePoints {
-    float x[LIGHT_BAKE_MAX_POINTS], y[LIGHT_BAKE_MAX_POINTS], z[LIGHT_BAKE_MAX_POINTS];
-    uint32_t seed[LIGHT_BAKE_MAX_POINTS];
+    float x[LIGHT_BAKE_SLOTS], y[LIGHT_BAKE_SLOTS], z[LIGHT_BAKE_SLOTS];
+    uint32_t seed[LIGHT_BAKE_SLOTS];
     uint32_t count = 0;
+
     QV_KERNEL float3 at(uint32_t i) const { return float3{x[i], y[i], z[i]}; }
+    QV_KERNEL uint32_t padded() const { return (count + LIGHT_BAKE_VECTOR - 1) / LIGHT_BAKE_VECTOR * LIGHT_BAKE_VECTOR; }
+    QV_KERNEL void pad() {
+        for (uint32_t i = count; i < padded(); ++i) x[i] = x[0], y[i] = y[0], z[i] = z[0], seed[i] = seed[0];
+    }
 };
 
-// Per-point results of lightBakeLampRays before they are packed into rays.
-struct LightBakeRayScratch {
-    float dx[LIGHT_BAKE_MAX_POINTS], dy[LIGHT_BAKE_MAX_POINTS], dz[LIGHT_BAKE_MAX_POINTS];
-    float tmax[LIGHT_BAKE_MAX_POINTS];
-    uint8_t keep[LIGHT_BAKE_MAX_POINTS];
+// One shadow ray per point (ray i starts at point i) by coordinate, with
+// which of them to trace and their results.
+struct LightBakeRays {
+    float dx[LIGHT_BAKE_SLOTS], dy[LIGHT_BAKE_SLOTS], dz[LIGHT_BAKE_SLOTS], tmax[LIGHT_BAKE_SLOTS];
+    uint8_t active[LIGHT_BAKE_SLOTS], blocked[LIGHT_BAKE_SLOTS];
 };
+
+// How many of the active rays arrive: opaque occlusion for all of them at
+// once, then the glass along each unblocked one (a frosted pane blocks).
+template <class Tracer>
+QV_KERNEL uint32_t lightBakeReached(const SceneData& s, const Tracer& tr, const LightBakePoints& pts,
+                                    LightBakeRays& rays) {
+    const uint32_t n = pts.padded();
+    tr.opaqueOccludedMany(KernelRaySet{pts.x, pts.y, pts.z, rays.dx, rays.dy, rays.dz, rays.tmax, n}, rays.active,
+                          rays.blocked);
+    uint32_t reached = 0;
+    for (uint32_t i = 0; i < n; ++i) {
+        if (!rays.active[i] || rays.blocked[i]) continue;
+        const float3 d{rays.dx[i], rays.dy[i], rays.dz[i]};
+        if (anyPositive(glassTransmittance(s, tr, pts.at(i), d, rays.tmax[i]))) ++reached;
+    }
+    return reached;
+}
 
 // One pass over the points: the ray `toward(p, u)` gives for each point and
 // its next two random numbers, kept or not. Branch-free `toward` functions
 // make this a loop the compiler turns into vector code.
 template <class Toward>
-QV_KERNEL void lightBakeRayPass(LightBakePoints& pts, LightBakeRayScratch& sc, Toward toward) {
-    const uint32_t n = pts.count;
+QV_KERNEL void lightBakeRayPass(LightBakePoints& pts, LightBakeRays& rays, Toward toward) {
+    const uint32_t count = pts.count, n = pts.padded();
     for (uint32_t i = 0; i < n; ++i) {
         float2 u{rnd(pts.seed[i]), rnd(pts.seed[i])};
         LampRay r = toward(pts.at(i), u);
-        sc.dx[i] = r.dir.x, sc.dy[i] = r.dir.y, sc.dz[i] = r.dir.z;
-        sc.tmax[i] = lightBakeRayLength(r.dist);
-        sc.keep[i] = r.ok;
+        rays.dx[i] = r.dir.x, rays.dy[i] = r.dir.y, rays.dz[i] = r.dir.z;
+        rays.tmax[i] = lightBakeRayLength(r.dist);
+        rays.active[i] = r.ok && i < count;
     }
 }
 
-// The shadow rays toward lamp L from every point: those of sampleLight for
-// the points' next two random numbers, in point order, without the samples
-// that fail.
-QV_KERNEL uint32_t lightBakeLampRays(const GPULight& lamp, LightBakePoints& pts, LightBakeRayScratch& sc,
-                                     KernelRay* rays) {
+// The shadow rays toward lamp L, ray i from point i: those of sampleLight
+// for the points' next two random numbers, active where the sample succeeds.
+QV_KERNEL void lightBakeLampRays(const GPULight& lamp, LightBakePoints& pts, LightBakeRays& rays) {
     const GPULight L = lamp; // a local copy: the stores of the pass cannot alias it
     const float3 normal = lightNormal(L);
     switch (lightType(L)) {
     case 0: {
         const bool area = lampAreaPdf(L) > 0.0f;
-        lightBakeRayPass(pts, sc, [&](float3 p, float2 u) {
+        lightBakeRayPass(pts, rays, [&](float3 p, float2 u) {
             LampRay r = areaLampRay(p, discLampPoint(L, u), normal);
             r.ok = r.ok && area;
             return r;
         });
         break;
     }
-    case 1: lightBakeRayPass(pts, sc, [&](float3 p, float2 u) { return sphereLampRay(L, p, u); }); break;
+    case 1: lightBakeRayPass(pts, rays, [&](float3 p, float2 u) { return sphereLampRay(L, p, u); }); break;
     default:
-        lightBakeRayPass(pts, sc, [&](float3 p, float2 u) {
+        lightBakeRayPass(pts, rays, [&](float3 p, float2 u) {
             LampPoint lp = stripLampPoint(L, p, u);
             LampRay r = areaLampRay(p, lp.y, normal);
             r.ok = r.ok && lp.areaPdf > 0.0f;
             return r;
         });
     }
-    uint32_t m = 0;
-    for (uint32_t i = 0; i < pts.count; ++i)
-        if (sc.keep[i]) rays[m++] = KernelRay{pts.at(i), float3{sc.dx[i], sc.dy[i], sc.dz[i]}, sc.tmax[i]};
-    return m;
 }
 
 // All R points of one cell in one invocation, for processors that trace rays
@@ -213,26 +222,30 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
     }
     valid[localCell] += pts.count;
     if (pts.count == 0u) return;
+    pts.pad();
 
     uint32_t* row = vis + size_t(localCell) * slots;
-    LightBakeRayScratch scratch;
-    KernelRay rays[LIGHT_BAKE_MAX_POINTS];
-    uint8_t blocked[LIGHT_BAKE_MAX_POINTS];
+    LightBakeRays rays;
     const uint32_t lightCount = bp.info.x;
     for (uint32_t li = 0; li < lightCount; ++li) {
-        const uint32_t n = lightBakeLampRays(s.lights[li], pts, scratch, rays);
-        row[li] += lightBakeReached(s, tr, rays, n, blocked);
+        lightBakeLampRays(s.lights[li], pts, rays);
+        row[li] += lightBakeReached(s, tr, pts, rays);
     }
 
     const uint32_t emCount = bp.info.y;
     if (emCount == 0u) return;
-    uint32_t n = 0;
-    for (uint32_t i = 0; i < pts.count; ++i) {
+    for (uint32_t i = 0; i < pts.padded(); ++i) {
+        if (i >= pts.count) {
+            rays.active[i] = 0;
+            continue;
+        }
         float3 u{rnd(pts.seed[i]), rnd(pts.seed[i]), rnd(pts.seed[i])};
         EmissiveSample es = sampleEmissive(s, emCount, pts.at(i), u);
-        if (es.pdf > 0.0f && es.dist > 1e-5f) rays[n++] = KernelRay{pts.at(i), es.dir, es.dist * 0.999f};
+        rays.dx[i] = es.dir.x, rays.dy[i] = es.dir.y, rays.dz[i] = es.dir.z;
+        rays.tmax[i] = es.dist * 0.999f;
+        rays.active[i] = es.pdf > 0.0f && es.dist > 1e-5f;
     }
-    row[lightCount] += lightBakeReached(s, tr, rays, n, blocked);
+    row[lightCount] += lightBakeReached(s, tr, pts, rays);
 }
 
 } // namespace qv

@@ -18,8 +18,8 @@
 //   NearestHit nearest(float3 o, float3 d) const;                   nearest opaque, glass or fitting hit
 // (a tracer that has it saves the second traversal of every segment);
 // and, for the light grid's bake (shaders/LightGrid.h),
-//   void opaqueOccludedMany(const KernelRay* rays, uint32_t n, uint8_t* blocked) const;
-//                                                                  opaqueOccluded of n rays at once
+//   void opaqueOccludedMany(const KernelRaySet& rays, const uint8_t* active, uint8_t* blocked) const;
+//                                                                  opaqueOccluded of each active ray, 0 for the rest
 #include "shaders/FastTrig.h"
 #include "shaders/BSDF.h"
 #include "shaders/KernelHelpers.h"
@@ -69,11 +69,11 @@ QV_KERNEL bool traceSegment(const Tracer& tr, float3 o, float3 d, KernelHit& hOp
     }
 }
 
-// A shadow-ray segment from o along unit d up to tmax (m).
-struct KernelRay {
-    float3 o;
-    float3 d;
-    float tmax = 0;
+// Shadow-ray segments by coordinate: ray i from (ox, oy, oz)[i] along the
+// unit (dx, dy, dz)[i] up to tmax[i] (m).
+struct KernelRaySet {
+    const float *ox, *oy, *oz, *dx, *dy, *dz, *tmax;
+    uint32_t count;
 };
 
 struct LightSample {
