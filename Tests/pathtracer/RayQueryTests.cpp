@@ -208,6 +208,47 @@ TEST(RayQueryHits, RandomSoupAgreesWithBruteForceForBothQualities) {
     }
 }
 
+// The bundled queries answer exactly what the one-ray queries answer, for
+// every lane of full and short packets; inactive and empty rays are not
+// traced.
+TEST(RayQueryBundles, AgreeWithSingleRays) {
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> uni(-1.0f, 1.0f);
+    Mesh mesh;
+    for (int i = 0; i < 200; ++i) {
+        float3 c{uni(rng) * 3, uni(rng) * 3, uni(rng) * 3};
+        mesh.addTriangle(c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f, c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f,
+                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f);
+    }
+    RayQuery q = buildOne(mesh);
+    constexpr size_t n = 37; // two full packets and a short one
+    std::array<float, n> ox, oy, oz, dx, dy, dz, tmax;
+    std::array<uint8_t, n> active, blocked, blockedAll;
+    std::array<uint32_t, n> prim;
+    for (size_t i = 0; i < n; ++i) {
+        float3 d = normalize(float3{uni(rng), uni(rng), uni(rng)});
+        ox[i] = uni(rng), oy[i] = uni(rng), oz[i] = uni(rng);
+        dx[i] = d.x, dy[i] = d.y, dz[i] = d.z;
+        tmax[i] = i == 5 ? 0.0f : 2.0f + 4.0f * (uni(rng) + 1.0f);
+        active[i] = i % 3 != 1;
+    }
+    const RayBundle bundle{ox.data(), oy.data(), oz.data(), dx.data(), dy.data(), dz.data(), tmax.data(), n};
+    q.occluded(bundle, active.data(), blocked.data());
+    q.occluded(bundle, nullptr, blockedAll.data());
+    q.nearestPrims(bundle, prim.data());
+    int hits = 0;
+    for (size_t i = 0; i < n; ++i) {
+        Ray r{{ox[i], oy[i], oz[i]}, {dx[i], dy[i], dz[i]}, 0.0f, tmax[i]};
+        const bool single = tmax[i] > 0.0f && q.occluded(r);
+        hits += single;
+        EXPECT_EQ(blockedAll[i], single ? 1 : 0) << "ray " << i;
+        EXPECT_EQ(blocked[i], active[i] && single ? 1 : 0) << "ray " << i;
+        if (tmax[i] > 0.0f) EXPECT_EQ(prim[i], q.intersect(r).prim) << "ray " << i;
+    }
+    EXPECT_GT(hits, 5);
+    EXPECT_LT(hits, int(n) - 5);
+}
+
 TEST(RayQueryErrors, BadIndicesFailTheBuildWithOneSentence) {
     Mesh outOfRange, partial;
     outOfRange.addTriangle({0, 0, 0}, {1, 0, 0}, {0, 1, 0});

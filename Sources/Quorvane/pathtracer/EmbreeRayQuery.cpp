@@ -196,53 +196,80 @@ bool RayQuery::occluded(const Ray& r) const {
     return ray.tfar < 0 && std::isinf(ray.tfar);
 }
 
-void RayQuery::occluded(const RayBundle& rays, const uint8_t* active, uint8_t* blocked) const {
-    // Packets of 16 in Embree's own layout: a bundle of rays that start close
-    // together and head the same way shares most of its traversal steps. The
-    // packet is filled with whole-vector copies where it can be: Embree reads
-    // it in vectors, and a vector load from many scalar stores stalls.
-    constexpr size_t kPacket = 16;
-    RTCIntersectContext context;
-    rtcInitIntersectContext(&context);
-    context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
-    alignas(64) RTCRay16 packet;
+namespace {
+
+constexpr size_t kPacket = 16;
+
+// Packets of 16 in Embree's own layout: a bundle of rays that start close
+// together and head the same way shares most of its traversal steps. Rays
+// first .. first + 15 of the bundle (a short last packet repeats its first
+// ray in the unused lanes), valid where active (when given) and tmax > 0.
+// Whole-vector copies where possible: Embree reads the packet in vectors, and
+// a vector load from many scalar stores stalls.
+bool fillPacket(RTCRay16& packet, int* valid, const RayBundle& rays, size_t first, const uint8_t* active) {
+    const size_t m = std::min(kPacket, rays.count - first);
+    if (m == kPacket) {
+        auto copy = [first](float* to, const float* from) { std::memcpy(to, from + first, sizeof(float) * kPacket); };
+        copy(packet.org_x, rays.ox), copy(packet.org_y, rays.oy), copy(packet.org_z, rays.oz);
+        copy(packet.dir_x, rays.dx), copy(packet.dir_y, rays.dy), copy(packet.dir_z, rays.dz);
+        copy(packet.tfar, rays.tmax);
+        for (size_t i = 0; i < kPacket; ++i)
+            valid[i] = (!active || active[first + i]) && rays.tmax[first + i] > 0.0f ? -1 : 0;
+    } else {
+        for (size_t i = 0; i < kPacket; ++i) {
+            const size_t k = first + (i < m ? i : 0);
+            valid[i] = i < m && (!active || active[k]) && rays.tmax[k] > 0.0f ? -1 : 0;
+            packet.org_x[i] = rays.ox[k];
+            packet.org_y[i] = rays.oy[k];
+            packet.org_z[i] = rays.oz[k];
+            packet.dir_x[i] = rays.dx[k];
+            packet.dir_y[i] = rays.dy[k];
+            packet.dir_z[i] = rays.dz[k];
+            packet.tfar[i] = rays.tmax[k];
+        }
+    }
+    int any = 0;
     for (size_t i = 0; i < kPacket; ++i) {
         packet.tnear[i] = 0.0f;
         packet.time[i] = 0.0f;
         packet.mask[i] = rays.mask;
         packet.id[i] = 0;
         packet.flags[i] = 0;
+        any |= valid[i];
     }
+    return any != 0;
+}
+
+} // namespace
+
+void RayQuery::occluded(const RayBundle& rays, const uint8_t* active, uint8_t* blocked) const {
+    RTCIntersectContext context;
+    rtcInitIntersectContext(&context);
+    context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
     for (size_t first = 0; first < rays.count; first += kPacket) {
-        const size_t m = std::min(kPacket, rays.count - first);
+        alignas(64) RTCRay16 packet;
         alignas(64) int valid[kPacket];
-        if (m == kPacket) {
-            auto copy = [first](float* to, const float* from) { std::memcpy(to, from + first, sizeof(float) * kPacket); };
-            copy(packet.org_x, rays.ox), copy(packet.org_y, rays.oy), copy(packet.org_z, rays.oz);
-            copy(packet.dir_x, rays.dx), copy(packet.dir_y, rays.dy), copy(packet.dir_z, rays.dz);
-            copy(packet.tfar, rays.tmax);
-            for (size_t i = 0; i < kPacket; ++i)
-                valid[i] = (!active || active[first + i]) && rays.tmax[first + i] > 0.0f ? -1 : 0;
-        } else {
-            for (size_t i = 0; i < kPacket; ++i) {
-                // A short last packet repeats its first ray in the unused lanes.
-                const size_t k = first + (i < m ? i : 0);
-                valid[i] = i < m && (!active || active[k]) && rays.tmax[k] > 0.0f ? -1 : 0;
-                packet.org_x[i] = rays.ox[k];
-                packet.org_y[i] = rays.oy[k];
-                packet.org_z[i] = rays.oz[k];
-                packet.dir_x[i] = rays.dx[k];
-                packet.dir_y[i] = rays.dy[k];
-                packet.dir_z[i] = rays.dz[k];
-                packet.tfar[i] = rays.tmax[k];
-            }
-        }
-        int any = 0;
-        for (size_t i = 0; i < kPacket; ++i) any |= valid[i];
-        if (any) rtcOccluded16(valid, impl_->scene, &context, &packet);
+        if (fillPacket(packet, valid, rays, first, active)) rtcOccluded16(valid, impl_->scene, &context, &packet);
         // Embree marks a blocked ray by setting tfar to -infinity.
+        const size_t m = std::min(kPacket, rays.count - first);
         for (size_t i = 0; i < m; ++i)
             blocked[first + i] = valid[i] && packet.tfar[i] < 0.0f && std::isinf(packet.tfar[i]) ? 1 : 0;
+    }
+}
+
+void RayQuery::nearestPrims(const RayBundle& rays, uint32_t* prim) const {
+    RTCIntersectContext context;
+    rtcInitIntersectContext(&context);
+    for (size_t first = 0; first < rays.count; first += kPacket) {
+        alignas(64) RTCRayHit16 packet;
+        alignas(64) int valid[kPacket];
+        for (size_t i = 0; i < kPacket; ++i) packet.hit.geomID[i] = RTC_INVALID_GEOMETRY_ID;
+        if (fillPacket(packet.ray, valid, rays, first, nullptr)) rtcIntersect16(valid, impl_->scene, &context, &packet);
+        const size_t m = std::min(kPacket, rays.count - first);
+        for (size_t i = 0; i < m; ++i) {
+            const unsigned g = packet.hit.geomID[i];
+            prim[first + i] = g == RTC_INVALID_GEOMETRY_ID ? kNoHit : impl_->firstTriangle[g] + packet.hit.primID[i];
+        }
     }
 }
 

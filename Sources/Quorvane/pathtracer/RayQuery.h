@@ -85,6 +85,9 @@ public:
     // are traced; the rest get 0. Rays that start close together and head
     // the same way are traced as packets, about twice as fast as one by one.
     void occluded(const RayBundle& rays, const uint8_t* active, uint8_t* blocked) const;
+    // The nearest hit of each ray, as intersect gives it: prim[i] is the hit
+    // triangle's index over all sets, kNoHit on a miss.
+    void nearestPrims(const RayBundle& rays, uint32_t* prim) const;
 
     size_t triangleCount() const;
     size_t setCount() const;

@@ -63,6 +63,16 @@ public:
                       active, blocked);
     }
 
+    void opaqueNearestMany(const KernelRaySet& rays, uint32_t* prim) const {
+        if (!op_) {
+            std::fill(prim, prim + rays.count, KERNEL_NO_HIT);
+            return;
+        }
+        op_->nearestPrims(RayBundle{rays.ox, rays.oy, rays.oz, rays.dx, rays.dy, rays.dz, rays.tmax, rays.count,
+                                    kRayMaskAll},
+                          prim);
+    }
+
 private:
     static KernelHit query(const RayQuery* as, float3 o, float3 d, float tmin, float tmax, uint32_t mask) {
         KernelHit h;

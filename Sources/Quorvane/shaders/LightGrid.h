@@ -57,17 +57,25 @@ QV_KERNEL float3 lightBakePoint(const GPULightGridParams& g, uint32_t ci, uint32
 // Whether p lies inside a solid: a ray in a uniformly random direction whose
 // nearest opaque hit is the back of a triangle (winding normal along the ray)
 // started behind that surface.
-template <class Tracer>
-QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3 p, uint32_t& seed) {
+QV_KERNEL float3 lightBakeSolidDir(uint32_t& seed) {
     float z = 1.0f - 2.0f * rnd(seed);
     SinCos phi = sinCosTurns(rnd(seed));
     float r = std::sqrt(std::fmax(0.0f, 1.0f - z * z));
-    float3 d{r * phi.c, r * phi.s, z};
-    KernelHit h = tr.opaque(p, d, LIGHT_BAKE_SOLID_RAY);
-    if (!isHit(h)) return false;
-    const uint32_t* idx = s.opIdx + size_t(h.prim) * 3u;
+    return float3{r * phi.c, r * phi.s, z};
+}
+
+QV_KERNEL bool lightBakeBackFace(const SceneData& s, uint32_t prim, float3 d) {
+    if (prim == KERNEL_NO_HIT) return false;
+    const uint32_t* idx = s.opIdx + size_t(prim) * 3u;
     float3 p0 = s.opPos[idx[0]], p1 = s.opPos[idx[1]], p2 = s.opPos[idx[2]];
     return dot(cross(p1 - p0, p2 - p0), d) > 0.0f;
+}
+
+template <class Tracer>
+QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3 p, uint32_t& seed) {
+    float3 d = lightBakeSolidDir(seed);
+    KernelHit h = tr.opaque(p, d, LIGHT_BAKE_SOLID_RAY);
+    return isHit(h) && lightBakeBackFace(s, h.prim, d);
 }
 
 QV_KERNEL bool anyPositive(float3 t) { return t.x > 0.0f || t.y > 0.0f || t.z > 0.0f; }
@@ -211,14 +219,22 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
     const uint32_t ci = bp.range.x + localCell;
     if (ci >= s.grid.dims.w) return;
 
-    LightBakePoints pts;
+    LightBakePoints cand, pts;
+    LightBakeRays probe;
+    uint32_t prim[LIGHT_BAKE_SLOTS];
     for (uint32_t k = 0; k < R; ++k) {
         uint32_t seed = pcgHash(ci * 7919u + pcgHash(k * 0x9E3779B9u + bp.info.z));
         const float3 p = lightBakePoint(s.grid, ci, k, R, seed);
-        if (lightBakeInsideSolid(s, tr, p, seed)) continue;
+        float3 d = lightBakeSolidDir(seed);
+        cand.x[k] = p.x, cand.y[k] = p.y, cand.z[k] = p.z, cand.seed[k] = seed;
+        probe.dx[k] = d.x, probe.dy[k] = d.y, probe.dz[k] = d.z, probe.tmax[k] = LIGHT_BAKE_SOLID_RAY;
+    }
+    tr.opaqueNearestMany(KernelRaySet{cand.x, cand.y, cand.z, probe.dx, probe.dy, probe.dz, probe.tmax, R}, prim);
+    for (uint32_t k = 0; k < R; ++k) {
+        if (lightBakeBackFace(s, prim[k], float3{probe.dx[k], probe.dy[k], probe.dz[k]})) continue;
         const uint32_t i = pts.count++;
-        pts.x[i] = p.x, pts.y[i] = p.y, pts.z[i] = p.z;
-        pts.seed[i] = seed;
+        pts.x[i] = cand.x[k], pts.y[i] = cand.y[k], pts.z[i] = cand.z[k];
+        pts.seed[i] = cand.seed[k];
     }
     valid[localCell] += pts.count;
     if (pts.count == 0u) return;
