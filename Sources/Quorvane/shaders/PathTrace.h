@@ -115,6 +115,20 @@ QV_KERNEL SurfaceHit triangleHit(const packed_float3* pos, const uint32_t* idx, 
     return sh;
 }
 
+// Starts loading everything shading reads of a hit opaque triangle: its
+// corners' positions, normals and texture coordinates (nine lines, likely far
+// apart, that would otherwise arrive one dependent load at a time) and its
+// material and emitter record.
+QV_KERNEL void prefetchTriangle(const SceneData& s, uint32_t prim) {
+    const uint32_t* t = s.opIdx + size_t(prim) * 3u;
+    QV_PREFETCH(s.opInfo + prim);
+    for (int c = 0; c < 3; ++c) {
+        QV_PREFETCH(s.opPos + t[c]);
+        if (s.opNrm) QV_PREFETCH(s.opNrm + t[c]);
+        if (s.opUV) QV_PREFETCH(s.opUV + t[c]);
+    }
+}
+
 // The guides of what lies behind a clear pane, for a camera ray the pane
 // reflected before any guide was set: follows the straight-through ray.
 struct GuideHit {
@@ -407,6 +421,7 @@ QV_KERNEL PathOut tracePath(const KernelContext<Tracer>& k, float3 o, float3 d, 
         // normal comes later; a point near a cell boundary may load the
         // neighbour's, which costs nothing but the load).
         if (isHit(hOp) && (sw.lightCount > 0u || sw.emCount > 0u)) prefetchLightCell(s, o + d * hOp.t, -d);
+        if (isHit(hOp)) prefetchTriangle(s, hOp.prim);
         float tOp = isHit(hOp) ? hOp.t : BIG;
         bool auxFirst = isHit(hAux) && hAux.t < tOp;
         bool direct0 = start.skipDirect && depth == 0u;
