@@ -255,11 +255,14 @@ QV_KERNEL void sunNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     float3 ld = sampleConeDir(xyz(k.u.sunDir), k.u.sunDir.w, r);
     if (!sc.receives(ld)) return;
     float3 l = toLocal(frame, ld);
-    BSDFEval e = sc.eval(l);
-    if (!(maxComp(e.f) > 0.0f)) return;
+    // The shadow ray before the BSDF: indoors nearly every sun (or moon)
+    // sample is shadowed, and a shadowed one needs no evaluation.
     float3 T = shadowTransmittance(k.s, k.tr, sc.origin(l), ld, BIG);
     countNeeStat(k.s, STAT_SUN_RAYS);
-    if (maxComp(T) > 0.0f) countNeeStat(k.s, STAT_SUN_UNOCCLUDED);
+    if (!(maxComp(T) > 0.0f)) return;
+    countNeeStat(k.s, STAT_SUN_UNOCCLUDED);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
     float w = sw.neeOnly ? 1.0f : misW(sw.sunPdf, e.pdf);
     addC(L, beta * e.f * std::fabs(l.z) * xyz(k.u.sunRadiance) * T * (w / sw.sunPdf), doClamp, sw.clampLum, bad);
 }
@@ -272,15 +275,15 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
     SkyTexelSample ts = sampleSkyTexelGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide,
                                              k.u.counts.z, k.u.counts.w, r, s.sky);
     // Cheap rejections first: most sky samples inside a house are shadowed,
-    // and their density and radiance need not be read at all.
+    // and their BSDF value, density and radiance need not be computed at all.
     if (!(ts.sinTheta > 1e-6f) || !sc.receives(ts.dir)) return;
     float3 l = toLocal(frame, ts.dir);
-    BSDFEval e = sc.eval(l);
-    if (!(maxComp(e.f) > 0.0f)) return;
     float3 T = shadowTransmittance(s, k.tr, sc.origin(l), ts.dir, BIG);
     countNeeStat(s, STAT_SKY_RAYS);
     if (!(maxComp(T) > 0.0f)) return;
     countNeeStat(s, STAT_SKY_UNOCCLUDED);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
     float pdf = skyTexelPdf(s.skyPdf, k.u.counts.z, ts);
     if (!(pdf > 0.0f)) return;
     float w = sw.neeOnly ? 1.0f : misW(pdf, e.pdf);
@@ -340,16 +343,18 @@ QV_KERNEL void emissiveNee(const KernelContext<Tracer>& k, const PathSwitches& s
     EmissiveSample es = sampleEmissive(s, sw.emCount, sc.x, r);
     if (!(es.pdf > 0.0f) || !sc.receives(es.dir)) return;
     float3 l = toLocal(frame, es.dir);
-    BSDFEval e = sc.eval(l);
-    if (!(maxComp(e.f) > 0.0f)) return;
-    float pl = pEm * es.pdf;
     float3 xo = sc.origin(l);
     float3 sd = es.y - xo;
     float slen = length(sd);
     if (!(slen > 0.0f)) return;
+    // Shadow ray first: most emissive samples are hidden from the point.
     float3 T = shadowTransmittance(s, k.tr, xo, sd / slen, slen * 0.999f);
     countNeeStat(s, STAT_EMISSIVE_RAYS);
-    if (maxComp(T) > 0.0f) countNeeStat(s, STAT_EMISSIVE_UNOCCLUDED);
+    if (!(maxComp(T) > 0.0f)) return;
+    countNeeStat(s, STAT_EMISSIVE_UNOCCLUDED);
+    BSDFEval e = sc.eval(l);
+    if (!(maxComp(e.f) > 0.0f)) return;
+    float pl = pEm * es.pdf;
     float w = sw.neeOnly ? 1.0f : misW(pl, e.pdf);
     addC(L, beta * e.f * std::fabs(l.z) * es.Le * T * (w / pl), doClamp, sw.clampLum, bad);
 }
