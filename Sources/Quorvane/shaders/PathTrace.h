@@ -272,8 +272,8 @@ QV_KERNEL void skyNee(const KernelContext<Tracer>& k, const PathSwitches& sw, co
                       float3& L, float3 beta, bool doClamp, uint32_t& seed, bool& bad) {
     const SceneData& s = k.s;
     float4 r{rnd(seed), rnd(seed), rnd(seed), rnd(seed)};
-    SkyTexelSample ts = sampleSkyTexelGuided(s.skyRowCdf, s.skyColCdf, s.skyPdf, s.skyRowGuide, s.skyColGuide,
-                                             k.u.counts.z, k.u.counts.w, r, s.sky);
+    SkyTexelSample ts = sampleSkyTexelGuided(s.skyRowCdf, s.skyColCdf, s.skyRowGuide, s.skyColGuide, k.u.counts.z,
+                                             k.u.counts.w, r);
     // Cheap rejections first: most sky samples inside a house are shadowed,
     // and their BSDF value, density and radiance need not be computed at all.
     if (!(ts.sinTheta > 1e-6f) || !sc.receives(ts.dir)) return;

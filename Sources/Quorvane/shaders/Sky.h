@@ -444,21 +444,13 @@ QV_KERNEL SkySample sampleSky(const float* rowCdf, const float* colCdf, const fl
 
 // The choice of sampleSky through the tables' search guides (CDF_GUIDE_N + 1
 // entries for the rows, as many per row for the columns): identical results,
-// a fraction of the memory traffic. With `sky`, the chosen texel's density and
-// the map texels around it are requested while the column search runs.
-QV_KERNEL SkyTexelSample sampleSkyTexelGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
-                                              const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W,
-                                              uint32_t H, float4 u, const float4* sky = nullptr) {
+// a fraction of the memory traffic. The texel's density and radiance are left
+// to the caller: a shadowed sample needs neither.
+QV_KERNEL SkyTexelSample sampleSkyTexelGuided(const float* rowCdf, const float* colCdf, const uint32_t* rowGuide,
+                                              const uint32_t* colGuide, uint32_t W, uint32_t H, float4 u) {
     uint32_t row = searchCdfGuided(rowCdf, H, u.x, rowGuide);
     const size_t rowStart = size_t(row) * W;
     CdfRange range = cdfGuideRange(W, u.y, colGuide + size_t(row) * (CDF_GUIDE_N + 1u));
-    // The texel lies in [lo, hi], usually within a cache line or two.
-    QV_PREFETCH(skyPdf + rowStart + range.lo);
-    if (sky) {
-        QV_PREFETCH(sky + rowStart + range.lo);
-        if (row > 0u) QV_PREFETCH(sky + rowStart - W + range.lo);
-        if (row + 1u < H) QV_PREFETCH(sky + rowStart + W + range.lo);
-    }
     uint32_t col = searchCdfRange(colCdf + rowStart, range, u.y);
     return skyTexelDirection(W, H, row, col, u);
 }
@@ -485,7 +477,7 @@ QV_KERNEL void prefetchSkyColumns(const float* colCdf, const uint32_t* colGuide,
 QV_KERNEL SkySample sampleSkyGuided(const float* rowCdf, const float* colCdf, const float* skyPdf,
                                     const uint32_t* rowGuide, const uint32_t* colGuide, uint32_t W, uint32_t H,
                                     float4 u) {
-    SkyTexelSample t = sampleSkyTexelGuided(rowCdf, colCdf, skyPdf, rowGuide, colGuide, W, H, u);
+    SkyTexelSample t = sampleSkyTexelGuided(rowCdf, colCdf, rowGuide, colGuide, W, H, u);
     return SkySample{t.dir, skyTexelPdf(skyPdf, W, t)};
 }
 
