@@ -38,6 +38,20 @@ RayQuery buildOne(const Mesh& mesh, BuildQuality quality = BuildQuality::high) {
 
 Ray rayDown(float x, float y, float z = 5) { return Ray{{x, y, z}, {0, 0, -1}}; }
 
+// n random triangles with corners within `size` of centres spread over
+// [-spread, spread] on each axis.
+Mesh triangleSoup(std::mt19937& rng, int n, float spread, float size) {
+    std::uniform_real_distribution<float> uni(-1, 1);
+    auto jitter = [&] { return float3{uni(rng), uni(rng), uni(rng)}; };
+    Mesh mesh;
+    for (int i = 0; i < n; ++i) {
+        float3 c = jitter() * spread;
+        float3 a = c + jitter() * size, b = c + jitter() * size;
+        mesh.addTriangle(a, b, c + jitter() * size);
+    }
+    return mesh;
+}
+
 // Double-precision ray/triangle test (Moller-Trumbore) as the reference.
 bool referenceHit(const Mesh& m, uint32_t tri, const Ray& r, double& t) {
     using D3 = std::array<double, 3>;
@@ -167,13 +181,7 @@ TEST(RayQueryMasks, GlassAndProxySetsAreSelectedByMaskAndNumberedInOrder) {
 TEST(RayQueryHits, RandomSoupAgreesWithBruteForceForBothQualities) {
     std::mt19937 rng(1234);
     std::uniform_real_distribution<float> uni(-1, 1);
-    Mesh mesh;
-    for (int i = 0; i < 300; ++i) {
-        float3 c{uni(rng) * 4, uni(rng) * 4, uni(rng) * 4};
-        mesh.addTriangle(c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f,
-                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f,
-                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.6f);
-    }
+    Mesh mesh = triangleSoup(rng, 300, 4.0f, 0.6f);
     for (BuildQuality quality : {BuildQuality::fast, BuildQuality::high}) {
         RayQuery q = buildOne(mesh, quality);
         EXPECT_GE(q.buildSeconds(), 0.0);
@@ -214,12 +222,7 @@ TEST(RayQueryHits, RandomSoupAgreesWithBruteForceForBothQualities) {
 TEST(RayQueryBundles, AgreeWithSingleRays) {
     std::mt19937 rng(11);
     std::uniform_real_distribution<float> uni(-1.0f, 1.0f);
-    Mesh mesh;
-    for (int i = 0; i < 200; ++i) {
-        float3 c{uni(rng) * 3, uni(rng) * 3, uni(rng) * 3};
-        mesh.addTriangle(c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f, c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f,
-                         c + float3{uni(rng), uni(rng), uni(rng)} * 0.8f);
-    }
+    Mesh mesh = triangleSoup(rng, 200, 3.0f, 0.8f);
     RayQuery q = buildOne(mesh);
     constexpr size_t n = 37; // two full packets and a short one
     std::array<float, n> ox, oy, oz, dx, dy, dz, tmax;
