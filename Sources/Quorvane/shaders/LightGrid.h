@@ -54,9 +54,7 @@ QV_KERNEL float3 lightBakePoint(const GPULightGridParams& g, uint32_t ci, uint32
     return xyz(g.origin) + (cell + j) * h;
 }
 
-// Whether p lies inside a solid: a ray in a uniformly random direction whose
-// nearest opaque hit is the back of a triangle (winding normal along the ray)
-// started behind that surface.
+// The inside-solid probe's direction, uniform over the sphere.
 QV_KERNEL float3 lightBakeSolidDir(uint32_t& seed) {
     float z = 1.0f - 2.0f * rnd(seed);
     SinCos phi = sinCosTurns(rnd(seed));
@@ -64,6 +62,8 @@ QV_KERNEL float3 lightBakeSolidDir(uint32_t& seed) {
     return float3{r * phi.c, r * phi.s, z};
 }
 
+// Whether a probe along d whose nearest opaque hit is triangle prim met its
+// back (winding normal along the ray): the probe started inside a solid.
 QV_KERNEL bool lightBakeBackFace(const SceneData& s, uint32_t prim, float3 d) {
     if (prim == KERNEL_NO_HIT) return false;
     const uint32_t* idx = s.opIdx + size_t(prim) * 3u;
@@ -71,6 +71,7 @@ QV_KERNEL bool lightBakeBackFace(const SceneData& s, uint32_t prim, float3 d) {
     return dot(cross(p1 - p0, p2 - p0), d) > 0.0f;
 }
 
+// Whether p lies inside a solid, by one probe in a random direction.
 template <class Tracer>
 QV_KERNEL bool lightBakeInsideSolid(const SceneData& s, const Tracer& tr, float3 p, uint32_t& seed) {
     float3 d = lightBakeSolidDir(seed);
@@ -106,7 +107,8 @@ QV_KERNEL void lightGridBake(const SceneData& s, const Tracer& tr, const GPULigh
         float2 u{rnd(seed), rnd(seed)};
         LightSample ls = sampleLight<false>(s.lights[li], p, u);
         if (!isValid(ls)) continue;
-        if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, lightBakeRayLength(ls.dist)))) atomicAddCounter(&row[li], 1u);
+        if (anyPositive(shadowTransmittance(s, tr, p, ls.dir, lightBakeRayLength(ls.dist))))
+            atomicAddCounter(&row[li], 1u);
     }
 
     const uint32_t emCount = bp.info.y;
@@ -250,11 +252,8 @@ QV_KERNEL void lightGridBakeCell(const SceneData& s, const Tracer& tr, const GPU
 
     const uint32_t emCount = bp.info.y;
     if (emCount == 0u) return;
-    for (uint32_t i = 0; i < pts.padded(); ++i) {
-        if (i >= pts.count) {
-            rays.active[i] = 0;
-            continue;
-        }
+    for (uint32_t i = pts.count; i < pts.padded(); ++i) rays.active[i] = 0;
+    for (uint32_t i = 0; i < pts.count; ++i) {
         float3 u{rnd(pts.seed[i]), rnd(pts.seed[i]), rnd(pts.seed[i])};
         EmissiveSample es = sampleEmissive(s, emCount, pts.at(i), u);
         rays.dx[i] = es.dir.x, rays.dy[i] = es.dir.y, rays.dz[i] = es.dir.z;

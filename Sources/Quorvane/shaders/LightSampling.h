@@ -20,6 +20,8 @@
 // and, for the light grid's bake (shaders/LightGrid.h),
 //   void opaqueOccludedMany(const KernelRaySet& rays, const uint8_t* active, uint8_t* blocked) const;
 //                                                                  opaqueOccluded of each active ray, 0 for the rest
+//   void opaqueNearestMany(const KernelRaySet& rays, uint32_t* prim) const;
+//                                                                  the nearest opaque triangle of each ray (KERNEL_NO_HIT)
 #include "shaders/FastTrig.h"
 #include "shaders/BSDF.h"
 #include "shaders/KernelHelpers.h"
