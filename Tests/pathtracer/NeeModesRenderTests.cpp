@@ -113,6 +113,22 @@ std::vector<uint64_t> counters(const Renderer& r) {
     return c;
 }
 
+// A 10 x 8 render by day with the next-event counters on, and its counters.
+struct CountedRender {
+    Render rd;
+    std::vector<uint64_t> c;
+    uint64_t paths = 0;
+};
+CountedRender countedDayRender(const SceneMaker& sm, const CameraDef& cam, uint32_t maxDepth, int64_t spp) {
+    RenderSettings s = smallSettings(10, 8, maxDepth);
+    s.debugNeeStats = true;
+    CountedRender out;
+    out.rd = render(sm, s, EnvironmentPreset::preset(TimeOfDay::day), cam, spp);
+    out.c = counters(*out.rd.r);
+    out.paths = uint64_t(10 * 8 * spp);
+    return out;
+}
+
 // A floor under the daylight sun and sky with a pendant beside the view,
 // seen from above so that every camera ray meets the floor.
 SceneMaker sunlitFloor() {
@@ -128,13 +144,10 @@ TEST(NeeCounters, OneBounceUnderAnOpenSkyCountsEveryVertexAndEveryRayArrives) {
     SceneMaker sm = sunlitFloor();
     sm.finish();
     const CameraDef cam = camera({0, 2.2f, 0.3f}, {0, 0, 0}, 40);
-    RenderSettings s = smallSettings(10, 8, 1);
-    s.debugNeeStats = true;
-    const int64_t spp = 5;
-    const Render rd = render(sm, s, EnvironmentPreset::preset(TimeOfDay::day), cam, spp);
-    ASSERT_TRUE(rd.r->sunOn());
-    const std::vector<uint64_t> c = counters(*rd.r);
-    const uint64_t paths = uint64_t(10 * 8 * spp);
+    const CountedRender cr = countedDayRender(sm, cam, 1, 5);
+    ASSERT_TRUE(cr.rd.r->sunOn());
+    const std::vector<uint64_t>& c = cr.c;
+    const uint64_t paths = cr.paths;
     // One scattering vertex per path, the first, with lamp NEE at each.
     EXPECT_EQ(c[STAT_SCATTER_VERTICES], paths);
     for (uint32_t i = STAT_LAMP_NEE_TRIED; i <= STAT_LAMP_UNOCCLUDED; ++i)
@@ -163,12 +176,9 @@ TEST(NeeCounters, DeeperPathsUnderAShadingSlabStayWithinTheirTotals) {
     wall(sm, -0.2f, -2, -0.2f, 2, 0.6f, sm.material({0.5f, 0.5f, 0.5f}, 0.9f));
     sm.finish();
     const CameraDef cam = camera({0.5f, 2.2f, 0.3f}, {0.3f, 0, 0}, 50);
-    RenderSettings s = smallSettings(10, 8, 4);
-    s.debugNeeStats = true;
-    const int64_t spp = 4;
-    const Render rd = render(sm, s, EnvironmentPreset::preset(TimeOfDay::day), cam, spp);
-    const std::vector<uint64_t> c = counters(*rd.r);
-    const uint64_t paths = uint64_t(10 * 8 * spp);
+    const CountedRender cr = countedDayRender(sm, cam, 4, 4);
+    const std::vector<uint64_t>& c = cr.c;
+    const uint64_t paths = cr.paths;
     EXPECT_EQ(c[STAT_LAMP_NEE_TRIED + STAT_FIRST_VERTEX_OFFSET], paths) << "every camera ray meets a surface";
     EXPECT_GT(c[STAT_SCATTER_VERTICES], paths) << "paths go on past their first vertex";
     EXPECT_LE(c[STAT_SCATTER_VERTICES], paths * 4u);
